@@ -1,0 +1,75 @@
+/* Channels towards the broker and the worker threads. */
+#ifndef RIX_AS_CHAN_H
+#define RIX_AS_CHAN_H
+
+#include "rix_as_common.h"
+
+ASORCH_EXTERN_C_BEGIN
+
+/* Channel numbers. */
+#define ASORCH_CHAN_DAM 0u
+#define ASORCH_CHAN_FES 1u
+#define ASORCH_CHAN_UP 2u
+#define ASORCH_CHAN_EVT 3u
+#define ASORCH_CHAN_NUM 4u
+#define ASORCH_CHAN_PORT_SLOTS 8u
+
+/* Thread ids and mask bits. */
+#define ASORCH_THREAD_DATA 0u
+#define ASORCH_THREAD_SYNC 1u
+#define ASORCH_THREAD_EVENT 2u
+#define ASORCH_THREAD_NUM 3u
+
+/* One chanPort slot of the base parameters. */
+typedef struct ASOrchChanPort {
+    uint32_t realServerPort;  /* 0: channel not wanted; low 16 bits used */
+    uint32_t chanArg;
+} ASOrchChanPort;
+
+typedef uint32_t (*ASOrchChanServerIpFunc)(void);
+
+/* The channel record handed to the abstraction layer (156 bytes on the target). */
+typedef struct ASOrchChanPara {
+    uint32_t chanNo;
+    uint32_t word1;
+    char chanName[32];
+    uint32_t rsv10[8];
+    uint32_t word18;
+    uint32_t recvThreadId;
+    uint32_t word20;
+    ASOrchChanServerIpFunc serverIpFunc;
+    uint32_t word22;
+    uint32_t rsv23;
+    uint16_t serverPort;      /* network byte order */
+    uint16_t rsv24;
+    uint32_t rsv25[2];
+    uint32_t word27;
+    uint32_t rsv28;
+    uint32_t word29;
+    uint32_t rsv30[9];
+} ASOrchChanPara;
+
+/* The thread descriptor handed to the abstraction layer (40 bytes). */
+typedef struct ASOrchThreadCfg {
+    uint32_t threadId;
+    char threadName[32];
+    uint32_t threadAttr;
+} ASOrchThreadCfg;
+
+ASORCH_LAYOUT_ASSERT(sizeof(ASOrchChanPara) == 156, "channel record is 156 bytes");
+ASORCH_LAYOUT_ASSERT(offsetof(ASOrchChanPara, word1) == 4, "word 1 at 4");
+ASORCH_LAYOUT_ASSERT(offsetof(ASOrchChanPara, chanName) == 8, "chanName at 8");
+ASORCH_LAYOUT_ASSERT(offsetof(ASOrchChanPara, word18) == 72, "word 18 at 72");
+ASORCH_LAYOUT_ASSERT(offsetof(ASOrchChanPara, recvThreadId) == 76, "thread id at 76");
+ASORCH_LAYOUT_ASSERT(offsetof(ASOrchChanPara, word20) == 80, "word 20 at 80");
+ASORCH_LAYOUT_ASSERT(offsetof(ASOrchChanPara, serverIpFunc) == 84, "server address at 84");
+ASORCH_LAYOUT_ASSERT(offsetof(ASOrchChanPara, word22) == 88, "word 22 at 88");
+ASORCH_LAYOUT_ASSERT(offsetof(ASOrchChanPara, serverPort) == 96, "port at 96");
+ASORCH_LAYOUT_ASSERT(offsetof(ASOrchChanPara, word27) == 108, "word 27 at 108");
+ASORCH_LAYOUT_ASSERT(offsetof(ASOrchChanPara, word29) == 116, "word 29 at 116");
+ASORCH_LAYOUT_ASSERT(sizeof(ASOrchThreadCfg) == 40, "thread descriptor is 40 bytes");
+ASORCH_LAYOUT_ASSERT(offsetof(ASOrchThreadCfg, threadAttr) == 36, "threadAttr at 36");
+
+ASORCH_EXTERN_C_END
+
+#endif
