@@ -29,7 +29,10 @@ RIX_PLAT_API void RIX_TEST_FailNth(const char *op, uint32_t nth);
 /* Every call of op fails until cleared with on = 0. */
 RIX_PLAT_API void RIX_TEST_FailAlways(const char *op, int on);
 /* What a failing call returns: null for pointers, -1 for signed results, 1 otherwise
- * (COMP_GetVTable: 5). */
+ * (COMP_GetVTable: 5). Exceptions: LITE_HASH_RemoveNodeByKey, LITE_HASH_GetListCntByKey and
+ * LITE_HASH_GetHashCnt return 0; ZUL_AVL3_Insert_Or_Find returns the node as if its key were
+ * taken; ZUL_AVL3_Delete does nothing. Functions without a result are only counted. A failing
+ * string function or formatter leaves an empty string, as a real violation does. */
 
 /* ---- "orchpub" component table ---- */
 enum {
@@ -96,13 +99,18 @@ RIX_PLAT_API uint32_t RIX_TEST_EalRunUntilIdle(void *eal, uint32_t threadId);
 /* Started instances: waits until the loop of thread tid has been idle once after this call
  * (everything written before the call has been handled). 0 on success, 1 on time-out. */
 RIX_PLAT_API uint32_t RIX_TEST_EalWaitIdle(void *eal, uint32_t threadId, uint32_t timeoutMs);
+/* Any epoll set (one of an instance or one a test made): runs the callbacks registered with
+ * RIX_EPOLL_Add on the calling thread until nothing is ready; the number of callbacks run. */
+RIX_PLAT_API uint32_t RIX_TEST_EpollRunUntilIdle(int32_t epFd);
 
 /* Smoothing entry points: calls recorded with a copy of their record. */
 RIX_PLAT_API uint32_t RIX_TEST_EntryCount(void);
 /* Call i: the entry point's name, the record and its size. */
 RIX_PLAT_API const char *RIX_TEST_EntryCall(uint32_t i, const void **record, uint32_t *size);
 
-/* Hash service: blocks held by all tables, and blocks taken from the system (not the pool). */
+/* Hash service: data blocks now held by all tables, and the number of pool chunks taken from
+ * the system since the last reset (blocks freed and taken again come from a table's pool and
+ * do not count). */
 RIX_PLAT_API uint32_t RIX_TEST_HashBlocksInUse(void);
 RIX_PLAT_API uint32_t RIX_TEST_HashSystemAllocs(void);
 

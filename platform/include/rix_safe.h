@@ -1,8 +1,9 @@
 /* Bounded memory and string functions (ISO/IEC TR 24731-1 behaviour), from librix_utils_base.
- * A non-zero result (negative for the formatters) means a null argument or a destination
- * too small; the destination then holds an empty string (string functions) or is untouched
- * (memory functions). A formatted text that needs the destination's full size or more is
- * refused whole. */
+ * A non-zero result (negative for the formatters, which otherwise return the length written)
+ * means a null argument, a destination too small or overlapping buffers. The string functions
+ * and formatters then leave an empty string (dest[0] = 0) when dest is usable; memcpy_s zeroes
+ * the destination's destMax bytes and memset_s sets them. A text that needs the destination's
+ * full size or more (length >= destMax) is refused whole, never truncated. */
 #ifndef RIX_SAFE_H
 #define RIX_SAFE_H
 
