@@ -70,6 +70,33 @@ ASORCH_LAYOUT_ASSERT(offsetof(ASOrchChanPara, word29) == 116, "word 29 at 116");
 ASORCH_LAYOUT_ASSERT(sizeof(ASOrchThreadCfg) == 40, "thread descriptor is 40 bytes");
 ASORCH_LAYOUT_ASSERT(offsetof(ASOrchThreadCfg, threadAttr) == 36, "threadAttr at 36");
 
+struct ASOrchBasePara;
+
+/* Short channel names "DAM", "FES", "UP", "EVT" at 0 to 3; null at 4 to 7. */
+ASORCH_API extern const char *const g_ASChannelName[ASORCH_CHAN_PORT_SLOTS];
+/* One row per channel, in channel order; registration works on a copy of a row. */
+ASORCH_API extern const ASOrchChanPara g_ASOrchChanParam[ASORCH_CHAN_NUM];
+
+ASORCH_API const char *ASGetChnlName(uint32_t chanNo);
+/* Base step "channel": registers every channel whose slot has a port. */
+ASORCH_API uint32_t ASOrchRegBaseChan(ASOrchHandle *handle, struct ASOrchBasePara *para);
+ASORCH_API uint32_t ASOrchRegChannel(ASOrchHandle *handle, const ASOrchChanPort *port,
+                                     const ASOrchChanPara *row);
+/* Puts the module name in front of a 32-byte channel name, in place; nameLen is not used. */
+ASORCH_API uint32_t ASOrchChanAddNamePrefix(ASOrchHandle *handle, uint32_t nameLen, char *chanName);
+ASORCH_API void ASOrchChanParamCfg(ASOrchChanPara *chan, const ASOrchChanPort *port);
+/* The broker's address, IPv4 in network byte order. */
+ASORCH_API uint32_t ASOrchGetChanServerIp(void);
+
+/* Builds a mask from count (1 to 3) distinct thread ids: the first, then count - 1 more
+ * as uint32_t variable arguments. */
+ASORCH_API uint32_t ASOrchThreadSet(uint32_t *mask, uint32_t count, uint32_t firstId, ...);
+/* Base step "RegThread". */
+ASORCH_API uint32_t ASOrchRegThread(ASOrchHandle *handle, struct ASOrchBasePara *para);
+ASORCH_API uint32_t ASOrchSetThreadName(ASOrchHandle *handle, ASOrchThreadCfg *rows, uint32_t count);
+ASORCH_API uint32_t ASOrchRegThreadBase(ASOrchHandle *handle, struct ASOrchBasePara *para,
+                                        ASOrchThreadCfg *rows, uint32_t count);
+
 ASORCH_EXTERN_C_END
 
 #endif

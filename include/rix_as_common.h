@@ -26,7 +26,12 @@
 #endif
 #else
 #define ASORCH_TARGET_32BIT 0
-#define ASORCH_LAYOUT_ASSERT(cond, msg)
+/* Still a declaration, so the trailing semicolon stays valid under -pedantic. */
+#ifdef __cplusplus
+#define ASORCH_LAYOUT_ASSERT(cond, msg) static_assert(true, msg)
+#else
+#define ASORCH_LAYOUT_ASSERT(cond, msg) _Static_assert(1, msg)
+#endif
 #endif
 
 ASORCH_EXTERN_C_BEGIN

@@ -52,6 +52,47 @@ ASORCH_LAYOUT_ASSERT(sizeof(ASOrchSynGrpFlowCtrl) == 48, "flow control is twelve
 ASORCH_LAYOUT_ASSERT(sizeof(ASOrchSyncGrpPara) == 56, "sync-group row is 56 bytes");
 ASORCH_LAYOUT_ASSERT(offsetof(ASOrchSyncGrpPara, verifyInterVal) == 40, "verifyInterVal at 40");
 ASORCH_LAYOUT_ASSERT(offsetof(ASOrchSyncGrpPara, notifyFunc) == 52, "notifyFunc at 52");
+ASORCH_LAYOUT_ASSERT(sizeof(ASOrchSyncGrpRes) == 24, "resources are six words");
+
+struct ASOrchBasePara;
+
+/* Default parameter rows of the four logical groups (224 bytes on the target). */
+ASORCH_API extern const ASOrchSyncGrpPara g_rixOrchAutoSyncGrpParam[ASORCH_SYNCGRP_NUM];
+
+/* Base step "SyncGroup" and its parts. */
+ASORCH_API uint32_t ASOrchRegSyncGrpBase(ASOrchHandle *handle, struct ASOrchBasePara *para);
+ASORCH_API uint32_t ASOrchMallocGrpRes(ASOrchHandle *handle);
+ASORCH_API void ASOrchFreeGrpRes(ASOrchHandle *handle);
+ASORCH_API uint32_t ASOrchSyncGrpSetBase(ASOrchHandle *handle, struct ASOrchBasePara *para);
+ASORCH_API uint32_t ASOrchSetBaseSynGrpPara(ASOrchHandle *handle, struct ASOrchBasePara *para,
+                                            ASOrchSyncGrpPara **rows, uint32_t *count);
+/* A new block of four rows from the module's allocator; the caller releases it. */
+ASORCH_API ASOrchSyncGrpPara *ASOrchGetBaseSynGrpPara(ASOrchHandle *handle, struct ASOrchBasePara *para);
+ASORCH_API void ASOrchSetUserDefSyncGrpPara(ASOrchHandle *handle, ASOrchSyncGrpPara rows[ASORCH_SYNCGRP_NUM]);
+ASORCH_API void ASOrchResetBaseLogicThd(ASOrchSyncGrpPara *rows, uint32_t n);
+ASORCH_API void ASOrchResetBaseCommThd(ASOrchSyncGrpPara *rows, uint32_t n);
+ASORCH_API uint32_t ASOrchGetSynGrpBitmap(ASOrchSyncGrpRes *res, const uint32_t msgSet[ASORCH_SYNCGRP_NUM]);
+ASORCH_API void ASOrchSetSynGrpBase(ASOrchSyncGrpRes *res, const ASOrchSyncGrpPara *rows, uint32_t n,
+                                    ASOrchSyncGrpPara *out, uint32_t *count);
+ASORCH_API void ASOrchSetGrpItem(ASOrchSyncGrpPara *dst, const ASOrchSyncGrpPara *src, const uint32_t *id);
+ASORCH_API uint32_t ASOrchSyncGroupRegister(void *ealHdl, const ASOrchSyncGrpPara *rows, uint32_t count);
+ASORCH_API uint32_t ASOrchSyncGrpMsgSetBase(ASOrchHandle *handle, struct ASOrchBasePara *para);
+ASORCH_API ASOrchSyncGrpRes *ASOrchGroupGetRes(ASOrchHandle *handle);
+/* The layer's group id of a logical group (0 to 3); -1 when there is none. */
+ASORCH_API int32_t ASOrchGetSyncGrpId(ASOrchHandle *handle, uint32_t grpIndex);
+
+/* Flow control of the registered groups; the default record goes to group 0. */
+ASORCH_API uint32_t ASOrchSetSynGrpFlowCtrl(ASOrchHandle *handle);
+
+/* Sending: messages and count pass to the layer unchanged. */
+ASORCH_API uint32_t ASOrchSyncBatchMsg(ASOrchHandle *handle, uint32_t grpIndex, void *msgs, uint32_t count);
+ASORCH_API uint32_t ASOrchSyncMsg(ASOrchHandle *handle, uint32_t grpIndex, void *msg);
+/* offset 0 is the first layer group id after the base groups. */
+ASORCH_API uint32_t ASOrchSyncMsgToGrp(ASOrchHandle *handle, uint32_t offset, void *msg);
+
+/* Feeds records into the merge path; each item's result is 0 or 0x10004. */
+ASORCH_API void ASOrchMergeSyncGrpDatas(uint32_t count, ASOrchSyncGrpData *items, ASOrchMsgVec *vec,
+                                        uint32_t mergeType, ASOrchHandle *handle);
 
 ASORCH_EXTERN_C_END
 

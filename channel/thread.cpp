@@ -1,0 +1,119 @@
+// Worker threads: the mask a module builds, their names and their registration.
+#include <array>
+#include <bit>
+#include <cstdarg>
+#include <cstring>
+
+#include "channel/thread_bit.h"
+#include "core/eal_records.h"
+#include "rix_platform.h"
+
+namespace {
+
+constexpr size_t kThreadNameSize = sizeof(ASOrchThreadCfg{}.threadName);
+constexpr uint32_t kMaxThreadIds = 32u;
+
+constexpr std::array<ASOrchThreadCfg, ASORCH_THREAD_NUM> g_ASOrchThreadTemplate = {{
+    {ASORCH_THREAD_DATA, "_DATA", 0u},
+    {ASORCH_THREAD_SYNC, "_SYNC", 1u},
+    {ASORCH_THREAD_EVENT, "_EVENT", 3u},
+}};
+
+uint32_t IdBit(uint32_t id)
+{
+    return id < kMaxThreadIds ? (1u << id) : 0u;
+}
+
+}  // namespace
+
+extern "C" {
+
+uint32_t ASOrchThreadBitTest(uint32_t bit, uint32_t mask)
+{
+    return (IdBit(bit) & mask) != 0u ? 1u : 0u;
+}
+
+ASORCH_API uint32_t ASOrchThreadSet(uint32_t *mask, uint32_t count, uint32_t firstId, ...)
+{
+    if (mask == nullptr || count == 0u || count > ASORCH_THREAD_NUM) {
+        return ASORCH_ERR;
+    }
+    uint32_t built = IdBit(firstId);
+    va_list args;
+    va_start(args, firstId);
+    for (uint32_t i = 1; i < count; ++i) {
+        built |= IdBit(va_arg(args, uint32_t));
+    }
+    va_end(args);
+    // A repeated id or one of 32 and above leaves fewer bits than ids.
+    if (static_cast<uint32_t>(std::popcount(built)) != count) {
+        return ASORCH_ERR;
+    }
+    *mask = built;
+    return ASORCH_OK;
+}
+
+ASORCH_API uint32_t ASOrchSetThreadName(ASOrchHandle *handle, ASOrchThreadCfg *rows, uint32_t count)
+{
+    if (handle == nullptr || rows == nullptr) {
+        return ASORCH_ERR;
+    }
+    const size_t nameLen = strnlen(handle->name, sizeof(handle->name));
+    for (uint32_t i = 0; i < count; ++i) {
+        ASOrchThreadCfg &row = rows[i];
+        if (nameLen + strnlen(row.threadName, kThreadNameSize) > kThreadNameSize - 1u) {
+            return ASORCH_ERR;
+        }
+        char buf[kThreadNameSize] = {};
+        if (strcpy_s(buf, sizeof(buf), handle->name) != 0 || strcat_s(buf, sizeof(buf), row.threadName) != 0 ||
+            strcpy_s(row.threadName, sizeof(row.threadName), buf) != 0) {
+            return ASORCH_ERR;
+        }
+    }
+    return ASORCH_OK;
+}
+
+ASORCH_API uint32_t ASOrchRegThreadBase(ASOrchHandle *handle, ASOrchBasePara *para, ASOrchThreadCfg *rows,
+                                        uint32_t count)
+{
+    if (handle == nullptr || para == nullptr || rows == nullptr) {
+        return ASORCH_ERR;
+    }
+    std::array<ASOrchThreadCfg, ASORCH_THREAD_NUM> cfg{};
+    uint32_t k = 0u;
+    for (uint32_t i = 0; i < ASORCH_THREAD_NUM && i < count; ++i) {
+        if (ASOrchThreadBitTest(i, para->threadMask) == 0u) {
+            continue;
+        }
+        cfg[k] = rows[i];
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, thread %s id is %u", handle->name, cfg[k].threadName,
+                            cfg[k].threadId);
+        ++k;
+    }
+    if (RIX_EAL_RegThread(handle->ealHdl, asorch::EalRecord(cfg.data()), k) != 0u) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, register %u threads fail", handle->name, k);
+        return ASORCH_ERR;
+    }
+    handle->threadMask = para->threadMask;
+    RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, register %u threads ok", handle->name, k);
+    return ASORCH_OK;
+}
+
+ASORCH_API uint32_t ASOrchRegThread(ASOrchHandle *handle, ASOrchBasePara *para)
+{
+    if (handle == nullptr || para == nullptr) {
+        return ASORCH_ERR;
+    }
+    if (ASOrchThreadBitTest(ASORCH_THREAD_DATA, para->threadMask) == 0u) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, set threads fail, has not Data thread", handle->name);
+        return ASORCH_ERR;
+    }
+    std::array<ASOrchThreadCfg, ASORCH_THREAD_NUM> rows = g_ASOrchThreadTemplate;
+    if (ASOrchSetThreadName(handle, rows.data(), ASORCH_THREAD_NUM) != 0u) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, set threads name fail", handle->name);
+        return ASORCH_ERR;
+    }
+    return ASOrchRegThreadBase(handle, para, rows.data(), ASORCH_THREAD_NUM);
+}
+
+}

@@ -1,0 +1,108 @@
+// Module-name registry, the integer hash on the circular list, and name joining.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace {
+
+using rixtest::CountingAlloc;
+using rixtest::CountingFree;
+using rixtest::GetAllocStats;
+
+class NamesTest : public rixtest::PlatformTest {};
+
+std::vector<std::string> RegisteredNames()
+{
+    std::vector<std::string> out;
+    for (const AutoSyncNameNode *n = g_AutoSyncCtrlBlkNameHead.first; n != nullptr; n = n->next) {
+        out.emplace_back(n->name);
+    }
+    return out;
+}
+
+TEST_F(NamesTest, RegistryKeepsNewestFirstAndUnlinksAnyPosition)
+{
+    const uint32_t before = g_AutoSyncCtrlBlkNameHead.count;
+    for (const char *n : {"A", "B", "C"}) {
+        ASSERT_EQ(0u, AutoSyncAddModule(n, CountingAlloc));
+    }
+    EXPECT_EQ(before + 3u, g_AutoSyncCtrlBlkNameHead.count);
+    EXPECT_EQ((std::vector<std::string>{"C", "B", "A"}), RegisteredNames());
+    // Duplicates and over-long names are refused without touching the allocator.
+    EXPECT_EQ(1u, AutoSyncAddModule("B", CountingAlloc));
+    EXPECT_EQ(1u, AutoSyncAddModule("ABCDEFGHIJKLMNOP", CountingAlloc));
+    EXPECT_EQ(3u, GetAllocStats().allocs);
+    EXPECT_EQ(0u, AutoSyncNameExisted("b"));
+
+    AutoSyncDelModule("B", CountingFree);  // middle, then last, then first
+    EXPECT_EQ((std::vector<std::string>{"C", "A"}), RegisteredNames());
+    AutoSyncDelModule("A", CountingFree);
+    EXPECT_EQ((std::vector<std::string>{"C"}), RegisteredNames());
+    AutoSyncDelModule("C", CountingFree);
+    AutoSyncDelModule("C", CountingFree);  // unknown: releases nothing
+    EXPECT_EQ(before, g_AutoSyncCtrlBlkNameHead.count);
+    EXPECT_EQ(3u, GetAllocStats().frees);
+
+    rixtest::FailAllocNth(1);
+    EXPECT_EQ(1u, AutoSyncAddModule("N", CountingAlloc));
+    EXPECT_EQ(0u, AutoSyncNameExisted("N"));
+    EXPECT_EQ(1u, ASNameCreatCheckValid("ABCDEFGHIJKLMNO", CountingAlloc, CountingFree));
+    EXPECT_EQ(0u, ASNameCreatCheckValid("ABCDEFGHIJKLMNOP", CountingAlloc, CountingFree));
+    EXPECT_EQ(0u, ASNameCreatCheckValid("X", CountingAlloc, nullptr));
+}
+
+TEST_F(NamesTest, CombineNameFitsExactlyOrLeavesDestinationAlone)
+{
+    char dst[8] = "keep";
+    EXPECT_EQ(1u, ASCombineName(dst, 4u, "ab", "cd"));
+    EXPECT_STREQ("keep", dst);
+    EXPECT_EQ(0u, ASCombineName(dst, 5u, "ab", "cd"));
+    EXPECT_STREQ("abcd", dst);
+}
+
+struct KeyedNode {
+    ASIntHashNode node;
+    int payload;
+};
+
+std::vector<uint32_t> g_seen;
+uint32_t Record(ASIntHashNode *node, uint32_t stopAt)
+{
+    g_seen.push_back(node->key);
+    return g_seen.size() == stopAt ? 1u : 0u;
+}
+
+TEST_F(NamesTest, IntHashChainsByKeyModuloAndWalksInOrder)
+{
+    ASIntHash *hash = ASIntHashCreate(128u, CountingAlloc);
+    ASSERT_NE(nullptr, hash);
+    g_seen.clear();
+    EXPECT_EQ(0u, ASIntHashWalk(hash, Record, 1u));
+    EXPECT_TRUE(g_seen.empty());
+
+    KeyedNode n5{{{nullptr}, 5u}, 1}, n133{{{nullptr}, 133u}, 2}, n7{{{nullptr}, 7u}, 3}, dup{{{nullptr}, 5u}, 4};
+    ASSERT_EQ(0u, ASIntHashAdd(hash, &n5.node));
+    ASSERT_EQ(0u, ASIntHashAdd(hash, &n133.node));
+    ASSERT_EQ(0u, ASIntHashAdd(hash, &n7.node));
+    EXPECT_EQ(1u, ASIntHashAdd(hash, &dup.node));
+    // 133 shares bucket 5 with 5 and, added later, comes first; the list closes on its head.
+    EXPECT_EQ(&n133.node.link, hash->bucket[5].next);
+    EXPECT_EQ(&n5.node.link, n133.node.link.next);
+    EXPECT_EQ(&hash->bucket[5], n5.node.link.next);
+
+    EXPECT_EQ(0u, ASIntHashWalk(hash, Record, 0u));
+    EXPECT_EQ((std::vector<uint32_t>{133u, 5u, 7u}), g_seen);
+    g_seen.clear();
+    EXPECT_EQ(1u, ASIntHashWalk(hash, Record, 1u));
+    EXPECT_EQ((std::vector<uint32_t>{133u}), g_seen);
+
+    ASIntHashDelete(hash);  // the block stays the owner's
+    EXPECT_EQ(1, rixtest::LiveAllocations());
+    CountingFree(hash);
+    rixtest::FailAllocNth(1);
+    EXPECT_EQ(nullptr, ASIntHashCreate(32u, CountingAlloc));
+}
+
+}  // namespace
