@@ -1,0 +1,126 @@
+// The write path: a write to a pending key merges into its entry, any other becomes a new
+// entry at the tail.
+#include "mergeque/mque_internal.h"
+
+namespace {
+
+using namespace rix::mque;
+
+// The entry carries its owner so that the hash service's compare reaches cmpFunc.
+inline MergeQueHashData *NewHashData(MergeQueCb *q, const void *key, const void *data)
+{
+    auto *d = static_cast<MergeQueHashData *>(LITE_HASH_NewData(q->hash, 0u));
+    if (d == nullptr) {
+        return nullptr;
+    }
+    d->owner = q;
+    ListInit(&d->link);
+    const uint32_t size = q->para.dataSize;
+    if (size != 0u && memcpy_s(d->data, size, data, size) != 0) {
+        (void)LITE_HASH_FreeData(q->hash, d);
+        return nullptr;
+    }
+    if (LITE_HASH_AddNode(q->hash, key, d, 0u) != 0u) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s failed to hash addNode", q->name);
+        (void)LITE_HASH_FreeData(q->hash, d);
+        return nullptr;
+    }
+    return d;
+}
+
+inline void SetStat(MergeQueCb *q, const void *key)
+{
+    MergeQueStat &conflict = q->queStat[MERGEQUE_QSTAT_MAX_CONFLICT];
+    const uint32_t inBucket = LITE_HASH_GetListCntByKey(q->hash, key);
+    if (inBucket > conflict.count) {
+        conflict.count = inBucket;
+        Stamp(conflict);
+    }
+    MergeQueStat &history = q->queStat[MERGEQUE_QSTAT_HISTORY_MAX_CNT];
+    const uint32_t inTable = LITE_HASH_GetHashCnt(q->hash);
+    if (inTable > history.count) {
+        history.count = inTable;
+        Stamp(history);
+    }
+}
+
+inline uint32_t NewWrite(MergeQueCb *q, const void *key, const void *data)
+{
+    MergeQueHashData *d = NewHashData(q, key, data);
+    if (d == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s failed to new hashNode", q->name);
+        CountReader(q, MERGEQUE_RSTAT_FAIL_WRITE);
+        return ASORCH_ERR;
+    }
+    SetStat(q, key);
+    Attach(q, d);
+    MonitorWrite(q);
+    return ASORCH_OK;
+}
+
+// The merge function may change the writer's data, which the writer owns.
+inline void MergeWrite(MergeQueCb *q, const void *data, MergeQueHashData *d, int32_t moveTail)
+{
+    if (q->para.mergeFunc != nullptr) {
+        q->para.mergeFunc(const_cast<void *>(data), d->data);
+    }
+    const uint32_t size = q->para.dataSize;
+    if (size != 0u) {
+        (void)memcpy_s(d->data, size, data, size);
+    }
+    if (moveTail == 1) {
+        MoveTail(q, d);
+    }
+    CountReader(q, MERGEQUE_RSTAT_SUCC_MERGE);
+}
+
+}  // namespace
+
+extern "C" {
+
+ASORCH_API uint32_t RIX_MergeQueWrite(MergeQueCb *q, const void *key, const void *data, int32_t moveTail)
+{
+    const LITE_HASH_Node *node = LITE_HASH_FindNodeFromFirst(q->hash, key, data);
+    if (node != nullptr && node->data != nullptr) {
+        MergeWrite(q, data, static_cast<MergeQueHashData *>(node->data), moveTail);
+        return ASORCH_OK;
+    }
+    return NewWrite(q, key, data);
+}
+
+ASORCH_API uint32_t RIX_MergeQueNewWrite(MergeQueCb *q, const void *key, const void *data)
+{
+    return NewWrite(q, key, data);
+}
+
+ASORCH_API void RIX_MergeQueMergeWrite(MergeQueCb *q, const void *data, MergeQueHashData *d, int32_t moveTail)
+{
+    MergeWrite(q, data, d, moveTail);
+}
+
+ASORCH_API MergeQueHashData *RIX_MergeQueNewHashData(MergeQueCb *q, const void *key, const void *data)
+{
+    return NewHashData(q, key, data);
+}
+
+ASORCH_API void RIX_MergeQueSetStat(MergeQueCb *q, const void *key)
+{
+    SetStat(q, key);
+}
+
+ASORCH_API void RIX_MergeQueAttachMsgList(MergeQueCb *q, MergeQueHashData *d)
+{
+    Attach(q, d);
+}
+
+ASORCH_API void RIX_MergeQueDetachMsgList(MergeQueCb *q, MergeQueHashData *d)
+{
+    Detach(q, d);
+}
+
+ASORCH_API void RIX_MergeQueMsgListMoveTail(MergeQueCb *q, MergeQueHashData *d)
+{
+    MoveTail(q, d);
+}
+
+}  // extern "C"
