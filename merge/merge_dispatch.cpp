@@ -1,0 +1,160 @@
+// Reader side: drains the merge queues and hands each vector to the module's msgProc.
+#include "merge/merge_internal.h"
+
+#include "core/int_hash.h"
+
+namespace {
+
+uint32_t ReadAdapter(void *data, uint32_t dataSize, void *usrData)
+{
+    return ASOrchReadMergeMsgCallBack(static_cast<ASOrchMsgVec *>(data), dataSize,
+                                      static_cast<const uint32_t *>(usrData));
+}
+
+uint32_t Drain(MergeQueCb *queue, uint32_t chan)
+{
+    uint32_t word = chan;
+    return RIX_MergeQueReadCallBack(queue, ASORCH_MERGE_READ_BATCH, ReadAdapter, &word);
+}
+
+uint32_t DiscardOne(void *data, uint32_t dataSize, void *)
+{
+    if (data == nullptr || dataSize < sizeof(ASOrchMsgVec)) {
+        return ASORCH_ERR;
+    }
+    auto *vec = static_cast<ASOrchMsgVec *>(data);
+    auto *owner = static_cast<ASOrchHandle *>(vec->usrData);
+    if (vec->key != nullptr && owner != nullptr) {
+        owner->memFree(vec->key);
+        vec->key = nullptr;
+    }
+    return ASORCH_OK;
+}
+
+}  // namespace
+
+namespace asmerge {
+
+void DiscardPending(MergeQueCb *queue)
+{
+    const uint32_t pending = queue->reader.itemCnt;
+    if (pending != 0u) {
+        (void)RIX_MergeQueReadCallBack(queue, pending, DiscardOne, nullptr);
+    }
+}
+
+}  // namespace asmerge
+
+extern "C" {
+
+ASOrchMergeMsgNode *ASOrchGetMergeMsg(const ASIntHash *hash, const ASOrchMsgVec *vec)
+{
+    if (hash == nullptr || vec == nullptr) {
+        return nullptr;
+    }
+    return reinterpret_cast<ASOrchMergeMsgNode *>(ASIntHashFind(hash, &vec->msgId));
+}
+
+ASORCH_API uint32_t ASOrchRecvDispatchProc(const ASOrchMergeMsg *entry, ASOrchHandle *handle, ASOrchMsgVec *vec)
+{
+    if (entry == nullptr || handle == nullptr || vec == nullptr || vec->opType >= ASORCH_OPTYPE_NUM) {
+        return ASORCH_ERR;
+    }
+    const ASOrchMergeMsgProc proc = entry->msgProc[vec->opType];
+    uint32_t r = ASORCH_ERR;
+    if (proc != nullptr) {
+        r = proc(handle, vec);
+        if (r == ASORCH_OK) {
+            return ASORCH_OK;
+        }
+    }
+    RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch RecvDispatch process fail. msgid = %u, optType = %u. msgProc = %u",
+                        handle->name, vec->msgId, vec->opType, proc != nullptr ? 1u : 0u);
+    return r;
+}
+
+ASORCH_API uint32_t ASOrchRecvDispatch(ASOrchHandle *handle, uint32_t chan, ASOrchMsgVec *vec)
+{
+    if (handle == nullptr || vec == nullptr) {
+        return ASORCH_ERR;
+    }
+    if (handle->mergeHandle == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "[%s] from broker ipc msg dispatch proc failed! mergeHandle is NULL",
+                            handle->name);
+        return ASORCH_ERR;
+    }
+    // A channel that was never built has no table: every msgId is unknown there.
+    const ASOrchMergeMsgNode *node =
+        chan < ASORCH_MERGE_CHAN_NUM ? ASOrchGetMergeMsg(handle->mergeHandle[chan].mergeMsgHash, vec) : nullptr;
+    if (node == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "OrchGetMergeMsg unknown msgId %u.", vec->msgId);
+        return ASORCH_ERR;
+    }
+    if (ASOrchRecvDispatchProc(&node->msg, handle, vec) != ASORCH_OK) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "RecvDispatch fail. msgId %u, opType %u.", vec->msgId, vec->opType);
+        return ASORCH_ERR;
+    }
+    return ASORCH_OK;
+}
+
+ASORCH_API uint32_t ASOrchRecvMergeMsgDispatch(ASOrchMsgVec *vec, uint32_t chan)
+{
+    if (vec == nullptr) {
+        return ASORCH_ERR;
+    }
+    auto *handle = static_cast<ASOrchHandle *>(vec->usrData);
+    if (handle == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR,
+                            "mergeType %u read merge queue msgvec usrData handle NULL! msgId:%u, opType:%u", chan,
+                            vec->msgId, vec->opType);
+        return ASORCH_ERR;
+    }
+    const uint32_t r = ASOrchRecvDispatch(handle, chan, vec);
+    if (r != ASORCH_OK) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "[%s %u] from broker ipc msg proc failed! msgId:%u, opType:%u",
+                            handle->name, chan, vec->msgId, vec->opType);
+    }
+    // Processed or not, the entry is gone from the queue: its block goes now.
+    if (vec->key != nullptr) {
+        handle->memFree(vec->key);
+        vec->key = nullptr;
+    }
+    return r == ASORCH_OK ? ASORCH_OK : ASORCH_ERR;
+}
+
+ASORCH_API uint32_t ASOrchReadMergeMsgCallBack(ASOrchMsgVec *vec, uint32_t size, const uint32_t *chan)
+{
+    const uint32_t ch = chan != nullptr ? *chan : ASORCH_MERGE_CHAN_DAM;
+    if (size != sizeof(ASOrchMsgVec)) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "mergeType %u read merge queue msgvec error!", ch);
+        // An entry shorter than a vector cannot be read as one.
+        if (size < sizeof(ASOrchMsgVec)) {
+            return ASORCH_ERR;
+        }
+    }
+    if (vec == nullptr) {
+        return ASORCH_ERR;
+    }
+    if (vec->key != nullptr && vec->keyLen != 0u) {
+        return ASOrchRecvMergeMsgDispatch(vec, ch);
+    }
+    RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "mergeType %u read merge queue msgvec key error! msgId:%u, opType:%u", ch,
+                        vec->msgId, vec->opType);
+    return ASORCH_ERR;
+}
+
+ASORCH_API uint32_t ORCH_AutoSyncRecvDamMerge(MergeQueCb *queue)
+{
+    const uint32_t n = Drain(queue, ASORCH_MERGE_CHAN_DAM);
+    RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "read DAM merge msg count %u finished.", n);
+    return ASORCH_OK;
+}
+
+ASORCH_API uint32_t ORCH_AutoSyncRecvFesMerge(MergeQueCb *queue)
+{
+    const uint32_t n = Drain(queue, ASORCH_MERGE_CHAN_FES);
+    RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "read FES merge msg count %u finished.", n);
+    return ASORCH_OK;
+}
+
+}

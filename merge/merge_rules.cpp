@@ -1,0 +1,114 @@
+// Key identity, bucket hash and the opType rule table of merged message vectors.
+#include "include/rix_as_orch.h"
+
+#include <cstring>
+
+extern "C" {
+
+const ASOrchMergeRule g_ASOrchMergeRules[ASORCH_MERGE_RULES_NUM] = {
+    {0u, 0u, 0u},
+    {0u, 1u, 1u},
+    {1u, 0u, 2u},
+    {1u, 1u, 1u},
+    {2u, 0u, 2u},
+    {2u, 1u, 1u},
+};
+
+const uint32_t g_ASOrchMergeRulesNum = ASORCH_MERGE_RULES_NUM;
+
+ASORCH_API uint32_t ASOrchGetMergeRule(uint32_t oldOpType, uint32_t newOpType, uint32_t *mergedOpType)
+{
+    if (mergedOpType == nullptr) {
+        return ASORCH_ERR;
+    }
+    const uint32_t index = oldOpType * 2u + newOpType;
+    if (index >= g_ASOrchMergeRulesNum) {
+        return ASORCH_ERR;
+    }
+    // The index alone would let pairs such as (0, 2) borrow another pair's row.
+    const ASOrchMergeRule &rule = g_ASOrchMergeRules[index];
+    if (rule.oldOpType != oldOpType || rule.newOpType != newOpType) {
+        return ASORCH_ERR;
+    }
+    *mergedOpType = rule.mergedOpType;
+    return ASORCH_OK;
+}
+
+ASORCH_API void ASOrchPubMergeRule(ASOrchMsgVec *pending, ASOrchMsgVec *arriving)
+{
+    if (pending == nullptr || arriving == nullptr) {
+        return;
+    }
+    if (arriving->opType == ASORCH_OPTYPE_AGEINFO) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "Orch autosync merge notify is ageinfo error, msgId %u",
+                            arriving->msgId);
+        return;
+    }
+    if (ASOrchGetMergeRule(pending->opType, arriving->opType, &arriving->opType) != ASORCH_OK) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "Orch autosync merge notify get rule error");
+    }
+}
+
+ASORCH_API void ASOrchPubMergeNotify(ASOrchMsgVec *arriving, ASOrchMsgVec *pending)
+{
+    if (arriving == nullptr || pending == nullptr) {
+        return;
+    }
+    ASOrchPubMergeRule(pending, arriving);
+    // The container copies the arriving vector over this one next: its block would be lost.
+    if (pending->key != nullptr) {
+        auto *owner = static_cast<ASOrchHandle *>(pending->usrData);
+        if (owner != nullptr && owner->memFree != nullptr) {
+            owner->memFree(pending->key);
+        }
+        pending->key = nullptr;
+    }
+}
+
+ASORCH_API uint32_t ASOrchPubCmpFunc(const ASOrchMsgVec *a, const ASOrchMsgVec *b)
+{
+    if (a == nullptr || b == nullptr) {
+        return 0u;
+    }
+    if (a->msgId != b->msgId || a->version != b->version || a->keyLen != b->keyLen) {
+        return 0u;
+    }
+    if (a->keyLen == 0u || a->key == b->key) {
+        return 1u;
+    }
+    if (a->key == nullptr || b->key == nullptr) {
+        return 0u;
+    }
+    return std::memcmp(a->key, b->key, a->keyLen) == 0 ? 1u : 0u;
+}
+
+ASORCH_API void *ASOrchPubGetKeyPtr(void *vec)
+{
+    return vec;
+}
+
+ASORCH_API uint32_t ASOrchMergeHashFunc(ASOrchHandle *handle, uint32_t chan, const ASOrchMsgVec *vec)
+{
+    if (handle == nullptr || vec == nullptr || handle->mergeHandle == nullptr || chan >= ASORCH_MERGE_CHAN_NUM ||
+        handle->mergeHandle[chan].hashSize == 0u) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "Orch autosync merge hash of channel %u has no merge handle", chan);
+        return 0u;
+    }
+    uint32_t h = 2166136261u;
+    const auto *key = static_cast<const uint8_t *>(vec->key);
+    // Only whole words are hashed; a short tail falls to the compare.
+    const uint32_t words = key == nullptr ? 0u : vec->keyLen / 4u;
+    for (uint32_t i = 0; i < words; ++i) {
+        const uint8_t *p = key + static_cast<size_t>(i) * 4u;
+        const uint32_t w = static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
+                           (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+        h = (h ^ w) * 16777619u;
+    }
+    h += h << 13;
+    h ^= h >> 7;
+    h += h << 3;
+    h ^= h >> 17;
+    return (vec->msgId + vec->version + h * 33u) % handle->mergeHandle[chan].hashSize;
+}
+
+}

@@ -1,0 +1,148 @@
+// Write path: private copies into the DAM or FES merge queue, or processing at once.
+#include "merge/merge_internal.h"
+
+#include "rix_platform.h"
+
+namespace {
+
+constexpr uint32_t kMaxQueuedMergeType = 3u;
+constexpr uint32_t kDamNoMergeType = 4u;
+
+// Bit 0 of a merge type picks the channel; bit 1 only asks for the move to the tail.
+MergeQueCb *GetMergeQue(ASOrchMergeHandle *block, uint32_t mergeType)
+{
+    const uint32_t chan = (mergeType & ~2u) != 0u ? ASORCH_MERGE_CHAN_FES : ASORCH_MERGE_CHAN_DAM;
+    return block[chan].mqueHandle;
+}
+
+}  // namespace
+
+extern "C" {
+
+ASORCH_API uint32_t ASOrchMsgVecCopyAlloc(ASOrchHandle *handle, const ASOrchMsgVec *vec, ASOrchMsgVec *copy)
+{
+    if (handle == nullptr || vec == nullptr || copy == nullptr) {
+        return ASORCH_ERR;
+    }
+    const bool withData = vec->dataLen != 0u && vec->data != nullptr;
+    const uint64_t size = static_cast<uint64_t>(vec->keyLen) + vec->dataLen;
+    auto *block = size > UINT32_MAX ? nullptr : static_cast<uint8_t *>(handle->memAlloc(static_cast<uint32_t>(size)));
+    if (block == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. malloc fail", handle->name);
+        return ASORCH_ERR;
+    }
+    if (memcpy_s(block, static_cast<size_t>(size), vec->key, vec->keyLen) != 0 ||
+        (withData && memcpy_s(block + vec->keyLen, vec->dataLen, vec->data, vec->dataLen) != 0)) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. copy fail", handle->name);
+        handle->memFree(block);
+        return ASORCH_ERR;
+    }
+    copy->key = block;
+    if (withData) {
+        copy->data = block + vec->keyLen;
+    }
+    copy->usrData = handle;
+    return ASORCH_OK;
+}
+
+ASORCH_API uint32_t ASOrchWriteMsgMerge(ASOrchHandle *handle, MergeQueCb *queue, const ASOrchMsgVec *vec,
+                                        int32_t moveTail)
+{
+    if (handle == nullptr || queue == nullptr || vec == nullptr) {
+        return ASORCH_ERR;
+    }
+    if (vec->keyLen == 0u || vec->key == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. key size is %u", handle->name,
+                            vec->keyLen);
+        return ASORCH_ERR;
+    }
+    ASOrchMsgVec copy = *vec;
+    copy.usrData = nullptr;
+    if (ASOrchMsgVecCopyAlloc(handle, vec, &copy) != ASORCH_OK) {
+        return ASORCH_ERR;
+    }
+    // The queue keeps its own copy of the vector; the block is what it owns from now on.
+    if (RIX_MergeQueWrite(queue, &copy, &copy, moveTail) != ASORCH_OK) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. write mqueue fail", handle->name);
+        handle->memFree(copy.key);
+        return ASORCH_ERR;
+    }
+    return ASORCH_OK;
+}
+
+ASORCH_API uint32_t ASOrchMsgMergeInner(ASOrchHandle *handle, uint32_t mergeType, ASOrchMsgVec *vec)
+{
+    if (handle == nullptr || handle->mergeHandle == nullptr || mergeType > kMaxQueuedMergeType) {
+        return ASORCH_ERR;
+    }
+    const int32_t moveTail = mergeType > 1u ? 1 : 0;
+    MergeQueCb *queue = GetMergeQue(handle->mergeHandle, mergeType);
+    if (queue == nullptr) {
+        return ASORCH_ERR;
+    }
+    return ASOrchWriteMsgMerge(handle, queue, vec, moveTail);
+}
+
+ASORCH_API uint32_t ASOrchMsgNoMerge(ASOrchHandle *handle, uint32_t mergeType, ASOrchMsgVec *vec)
+{
+    if (handle == nullptr || vec == nullptr) {
+        return ASORCH_ERR;
+    }
+    const uint32_t chan = mergeType == kDamNoMergeType ? ASORCH_MERGE_CHAN_DAM : ASORCH_MERGE_CHAN_FES;
+    if (ASOrchRecvDispatch(handle, chan, vec) != ASORCH_OK) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "[%s] msg proc Not merge failed! msgId:%u, opType:%u", handle->name,
+                            vec->msgId, vec->opType);
+        return ASORCH_ERR;
+    }
+    return ASORCH_OK;
+}
+
+ASORCH_API uint32_t ASOrchMsgMerge(ASOrchHandle *handle, uint32_t mergeType, ASOrchMsgVec *vec)
+{
+    if (handle == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "Orch autosync send merge msg handle is NULL");
+        return ASORCH_ERR;
+    }
+    if (vec == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch autosync send merge msg vec is NULL", handle->name);
+        return ASORCH_ERR;
+    }
+    if (mergeType <= kMaxQueuedMergeType) {
+        return ASOrchMsgMergeInner(handle, mergeType, vec);
+    }
+    return ASOrchMsgNoMerge(handle, mergeType, vec);
+}
+
+ASORCH_API MergeQueCb *ASOrchGetReaderHdl(ASOrchHandle *handle, uint32_t chan)
+{
+    if (handle == nullptr || handle->mergeHandle == nullptr || chan >= ASORCH_MERGE_CHAN_NUM) {
+        return nullptr;
+    }
+    return handle->mergeHandle[chan].mqueHandle;
+}
+
+ASORCH_API uint32_t ASOrchMergeBackPress(ASOrchHandle *handle, uint32_t chan)
+{
+    if (handle == nullptr) {
+        return ASORCH_OK;
+    }
+    MergeQueCb *queue = ASOrchGetReaderHdl(handle, chan);
+    if (queue == nullptr) {
+        return ASORCH_ERR;
+    }
+    return RIX_MergeQueBackPress(queue, 0u);
+}
+
+ASORCH_API uint32_t ASOrchMergeUnBackPress(ASOrchHandle *handle, uint32_t chan)
+{
+    if (handle == nullptr) {
+        return ASORCH_OK;
+    }
+    MergeQueCb *queue = ASOrchGetReaderHdl(handle, chan);
+    if (queue == nullptr) {
+        return ASORCH_ERR;
+    }
+    return RIX_MergeQueUnBackPress(queue, nullptr);
+}
+
+}

@@ -1,0 +1,389 @@
+// Merge handles, the write path and the receive dispatch, on the stand-in DATA thread.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace {
+
+using rixtest::CountContaining;
+using rixtest::DumpLines;
+using rixtest::HasLine;
+using rixtest::LiveAllocations;
+
+void ExpectLines(std::initializer_list<const char *> lines)
+{
+    for (const char *l : lines) {
+        EXPECT_TRUE(HasLine(l)) << l << "\n" << DumpLines();
+    }
+}
+
+struct Call {
+    int table;  // 0 DAM procs, 1 FES procs
+    uint32_t msgId, opType, key;
+    std::string data;
+    const void *dataPtr;
+};
+std::vector<Call> g_calls;
+uint32_t g_procResult = 0;
+
+uint32_t Record(int table, ASOrchMsgVec *v)
+{
+    uint32_t key = 0;
+    std::memcpy(&key, v->key, v->keyLen < 4u ? v->keyLen : 4u);
+    g_calls.push_back({table, v->msgId, v->opType, key,
+                       std::string(static_cast<const char *>(v->data), v->data ? v->dataLen : 0u), v->data});
+    return g_procResult;
+}
+uint32_t ProcDam(ASOrchHandle *, ASOrchMsgVec *v) { return Record(0, v); }
+uint32_t ProcFes(ASOrchHandle *, ASOrchMsgVec *v) { return Record(1, v); }
+// The module's bucket hash: the stored copy names its orchestrator.
+template <uint32_t Chan>
+uint32_t Hash(const void *k)
+{
+    auto *v = static_cast<const ASOrchMsgVec *>(k);
+    return ASOrchMergeHashFunc(static_cast<ASOrchHandle *>(v->usrData), Chan, v);
+}
+
+// DAM serves 0x10 (all opTypes) and 0x11 (no opType 1); FES serves 0x20.
+ASOrchMergeMsg g_damMsgs[2] = {{0x10u, {ProcDam, ProcDam, ProcDam, ProcDam}},
+                               {0x11u, {ProcDam, nullptr, ProcDam, ProcDam}}};
+ASOrchMergeMsg g_fesMsgs[1] = {{0x20u, {ProcFes, ProcFes, ProcFes, ProcFes}}};
+
+class MergeFlowTest : public rixtest::PlatformTest {
+protected:
+    void SetUp() override
+    {
+        PlatformTest::SetUp();
+        g_calls.clear();
+        g_procResult = 0;
+        std::memset(&base_, 0, sizeof(base_));
+        base_.mergeMque[0] = {g_damMsgs, 2u, 0u, Hash<0u>, 0u, 0u};
+        base_.mergeMque[1] = {g_fesMsgs, 1u, 64u, Hash<1u>, 0u, 0u};
+        const ASOrchCreatePara para = rixtest::CountingCreatePara();
+        handle_ = ASOrchCreate("mflow", &para);
+        ASSERT_NE(handle_, nullptr);
+        eal_ = ASOrchGetEalHdl(handle_);
+    }
+    void TearDown() override
+    {
+        if (handle_ != nullptr) {
+            ASOrchDestroy(handle_);
+        }
+        EXPECT_EQ(LiveAllocations(), 0);
+        PlatformTest::TearDown();
+    }
+    uint32_t Write(uint32_t type, uint32_t msgId, uint32_t opType, uint32_t key, const char *data = "")
+    {
+        ASOrchMsgVec v{msgId, opType, &key, 4u, const_cast<char *>(data),
+                       static_cast<uint32_t>(std::strlen(data)), 0u, nullptr};
+        return ASOrchMsgMerge(handle_, type, &v);
+    }
+    std::vector<uint32_t> Keys()
+    {
+        std::vector<uint32_t> out;
+        for (const Call &c : g_calls) {
+            out.push_back(c.key);
+        }
+        return out;
+    }
+
+    ASOrchBasePara base_;
+    ASOrchHandle *handle_ = nullptr;
+    void *eal_ = nullptr;
+};
+
+TEST_F(MergeFlowTest, RegistrationBuildsNamedQueuesAndFreesThem)
+{
+    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u) << DumpLines();
+    MergeQueCb *fes = ASOrchGetReaderHdl(handle_, 1u);
+    ASSERT_NE(fes, nullptr);
+    EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_FES"), fes);
+    EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_DAM"), ASOrchGetReaderHdl(handle_, 0u));
+    EXPECT_EQ(fes->para.hashSize, 64u);
+    EXPECT_EQ(handle_->mergeHandle[0].hashSize, 8192u);
+    EXPECT_EQ(fes->para.schedProc, ORCH_AutoSyncRecvFesMerge);
+    EXPECT_EQ(fes->highWater - fes->lowWater, 65536u - 8192u);
+    EXPECT_EQ(handle_->mergeHandle[1].epFd, RIX_EAL_GetEpollFd(eal_, 0u));
+    EXPECT_TRUE(HasLine("mflow, 1 Register Orch autosync FES MQUE Monitor ok")) << DumpLines();
+    ASOrchFreeMergeHandle(handle_);
+    EXPECT_EQ(handle_->mergeHandle, nullptr);
+    EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_FES"), nullptr);
+    EXPECT_EQ(ASOrchGetReaderHdl(handle_, 0u), nullptr);
+
+    // Only FES: the DAM entry stays all zero and DAM merge types fail silently.
+    base_.mergeMque[0].hashFunc = nullptr;
+    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    const ASOrchMergeHandle zero{};
+    EXPECT_EQ(std::memcmp(&handle_->mergeHandle[0], &zero, sizeof(zero)), 0);
+    const uint32_t lines = RIX_TEST_LogCount();
+    EXPECT_EQ(Write(0u, 0x10u, 0u, 1u), 1u);
+    EXPECT_EQ(Write(2u, 0x10u, 0u, 1u), 1u);
+    EXPECT_EQ(RIX_TEST_LogCount(), lines);
+    EXPECT_EQ(Write(3u, 0x20u, 0u, 1u), 0u);
+}
+
+TEST_F(MergeFlowTest, FailedRegistrationLeavesNoMergeState)
+{
+    const int64_t before = LiveAllocations();
+    ASOrchMergeMsg dup[2] = {g_damMsgs[0], g_damMsgs[0]};
+    base_.mergeMque[0].mergeMsg = dup;
+    EXPECT_EQ(ASOrchRegMerge(handle_, &base_), 1u);
+    ExpectLines({"mflow, merge failed to add hashNode(16)", "mflow, Orch auto sync create merge msg hash Fail",
+                 "mflow, init auto sync merge msgMerge failed.", "mflow, 0 init auto sync merge handle failed."});
+    EXPECT_EQ(handle_->mergeHandle, nullptr);
+    EXPECT_EQ(LiveAllocations(), before);
+
+    // FES refuses its monitor (5000 is not above the default 8192): DAM goes as well.
+    base_.mergeMque[0].mergeMsg = g_damMsgs;
+    base_.mergeMque[1].highWater = 5000u;
+    EXPECT_EQ(ASOrchRegMerge(handle_, &base_), 1u);
+    EXPECT_TRUE(HasLine("mflow, 1 Register Orch autosync DAM MQUE Monitor fail")) << DumpLines();
+    EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_DAM"), nullptr);
+    EXPECT_EQ(handle_->mergeHandle, nullptr);
+    EXPECT_EQ(LiveAllocations(), before);
+
+    base_.mergeMque[1].highWater = 0u;
+    RIX_TEST_FailNth("LITE_HASH_CreateWithLock", 1u);
+    EXPECT_EQ(ASOrchRegMerge(handle_, &base_), 1u);
+    EXPECT_TRUE(HasLine("mflow, mflow_DAM Register Orch autosync create MQUE fail")) << DumpLines();
+    EXPECT_EQ(LiveAllocations(), before);
+
+    // A second run on a registered handle fails and releases the first one too.
+    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    EXPECT_EQ(ASOrchRegMerge(handle_, &base_), 1u);
+    EXPECT_EQ(handle_->mergeHandle, nullptr);
+    EXPECT_EQ(LiveAllocations(), before);
+}
+
+TEST_F(MergeFlowTest, BurstIsMergedByRuleInQueueOrder)
+{
+    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    const int64_t idle = LiveAllocations();
+    static const char shared[] = "zz";
+    ASOrchMsgVec noData{0x10u, 0u, nullptr, 4u, const_cast<char *>(shared), 0u, 0u, nullptr};
+    uint32_t key4 = 4u;
+    noData.key = &key4;
+    EXPECT_EQ(Write(0u, 0x10u, 1u, 1u, "a"), 0u);
+    EXPECT_EQ(Write(0u, 0x10u, 0u, 2u, "b"), 0u);
+    EXPECT_EQ(Write(0u, 0x10u, 0u, 1u, "cc"), 0u);  // pending 1 + arriving 0 -> 2, keeps its place
+    EXPECT_EQ(Write(0u, 0x10u, 0u, 3u, "d"), 0u);
+    EXPECT_EQ(Write(0u, 0x10u, 3u, 3u, "e"), 0u);   // age information stays 3
+    EXPECT_EQ(ASOrchMsgMerge(handle_, 0u, &noData), 0u);
+    EXPECT_EQ(Write(0u, 0x10u, 1u, 5u, "f"), 0u);   // pending age information: no rule, keeps 1
+    EXPECT_EQ(Write(0u, 0x10u, 3u, 5u, "g"), 0u);
+    EXPECT_EQ(Write(0u, 0x10u, 1u, 5u, "h"), 0u);
+    EXPECT_EQ(LiveAllocations(), idle + 5);  // one block per pending key
+    EXPECT_EQ(g_calls.size(), 0u);
+    RIX_TEST_EalRunUntilIdle(eal_, 0u);
+    EXPECT_EQ(Keys(), (std::vector<uint32_t>{1u, 2u, 3u, 4u, 5u}));
+    ASSERT_EQ(g_calls.size(), 5u) << DumpLines();
+    EXPECT_EQ(g_calls[0].opType, 2u);
+    EXPECT_EQ(g_calls[0].data, "cc");
+    EXPECT_EQ(g_calls[2].opType, 3u);
+    EXPECT_EQ(g_calls[4].opType, 1u);
+    EXPECT_EQ(g_calls[4].data, "h");
+    ExpectLines({"Orch autosync merge notify is ageinfo error, msgId 16", "Orch autosync merge notify get rule error"});
+    EXPECT_EQ(g_calls[3].dataPtr, shared);  // nothing copied for an empty body
+    EXPECT_EQ(LiveAllocations(), idle);
+
+    // Type 2 moves an update behind the others; type 0 leaves it in place.
+    for (uint32_t type : {2u, 0u}) {
+        g_calls.clear();
+        for (uint32_t k : {1u, 2u, 3u, 1u}) {
+            Write(type, 0x10u, 0u, k);
+        }
+        RIX_TEST_EalRunUntilIdle(eal_, 0u);
+        EXPECT_EQ(Keys(), type == 2u ? (std::vector<uint32_t>{2u, 3u, 1u}) : (std::vector<uint32_t>{1u, 2u, 3u}));
+    }
+    g_calls.clear();
+    for (uint32_t k = 0; k < 70u; ++k) {
+        Write(1u, 0x20u, 0u, k);
+    }
+    RIX_TEST_LogClear();
+    RIX_TEST_EalRunUntilIdle(eal_, 0u);
+    ASSERT_EQ(g_calls.size(), 70u);
+    EXPECT_EQ(g_calls[69].key, 69u);
+    EXPECT_EQ(g_calls[69].table, 1);
+    std::vector<std::string> counts;
+    for (const std::string &l : rixtest::Lines()) {
+        if (l.find("read FES merge msg count") == 0u) {
+            counts.push_back(l);
+        }
+    }
+    EXPECT_EQ(counts, (std::vector<std::string>{"read FES merge msg count 32 finished.",
+                                                "read FES merge msg count 32 finished.",
+                                                "read FES merge msg count 6 finished."}));
+    EXPECT_EQ(LiveAllocations(), idle);
+}
+
+TEST_F(MergeFlowTest, ImmediateAndFailedDispatchReleaseEverything)
+{
+    EXPECT_EQ(Write(4u, 0x10u, 0u, 1u), 1u);  // before registration
+    EXPECT_TRUE(HasLine("[mflow] from broker ipc msg dispatch proc failed! mergeHandle is NULL"));
+    base_.mergeMque[1].hashFunc = nullptr;
+    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    const int64_t idle = LiveAllocations();
+    EXPECT_EQ(Write(4u, 0x10u, 2u, 1u), 0u);
+    ASSERT_EQ(g_calls.size(), 1u);  // at once, nothing copied
+    EXPECT_EQ(LiveAllocations(), idle);
+    EXPECT_EQ(Write(9u, 0x20u, 0u, 1u), 1u);  // FES never built
+    EXPECT_EQ(Write(4u, 0x11u, 1u, 1u), 1u);
+    EXPECT_EQ(Write(4u, 0x10u, 4u, 1u), 1u);
+    g_procResult = 7u;
+    EXPECT_EQ(Write(4u, 0x10u, 0u, 1u), 1u);
+    ExpectLines({"OrchGetMergeMsg unknown msgId 32.", "[mflow] msg proc Not merge failed! msgId:32, opType:0",
+                 "mflow, Orch RecvDispatch process fail. msgid = 17, optType = 1. msgProc = 0",
+                 "RecvDispatch fail. msgId 17, opType 1.", "RecvDispatch fail. msgId 16, opType 4.",
+                 "mflow, Orch RecvDispatch process fail. msgid = 16, optType = 0. msgProc = 1"});
+
+    // Queued vectors that fail are dropped with their blocks.
+    RIX_TEST_LogClear();
+    EXPECT_EQ(Write(0u, 0x10u, 0u, 1u), 0u);
+    EXPECT_EQ(Write(0u, 0x20u, 0u, 2u), 0u);
+    RIX_TEST_EalRunUntilIdle(eal_, 0u);
+    ExpectLines({"[mflow 0] from broker ipc msg proc failed! msgId:16, opType:0",
+                 "[mflow 0] from broker ipc msg proc failed! msgId:32, opType:0",
+                 "mflow_DAM read 2 msgVec callBack proc failed!"});
+    EXPECT_EQ(LiveAllocations(), idle);
+
+    EXPECT_EQ(ASOrchMsgMerge(nullptr, 0u, nullptr), 1u);
+    EXPECT_TRUE(HasLine("Orch autosync send merge msg handle is NULL"));
+}
+
+TEST_F(MergeFlowTest, RefusedWritesReleaseTheirCopy)
+{
+    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    const int64_t idle = LiveAllocations();
+    const uint64_t allocs = rixtest::GetAllocStats().allocs;
+    ASOrchMsgVec empty{0x10u, 0u, nullptr, 0u, nullptr, 0u, 0u, nullptr};
+    EXPECT_EQ(ASOrchMsgMerge(handle_, 0u, &empty), 1u);
+    EXPECT_EQ(rixtest::GetAllocStats().allocs, allocs);
+    rixtest::FailAllocNth(1u);
+    EXPECT_EQ(Write(0u, 0x10u, 0u, 1u), 1u);
+    RIX_TEST_FailNth("LITE_HASH_NewData", 1u);
+    EXPECT_EQ(Write(0u, 0x10u, 0u, 1u), 1u);
+    ExpectLines({"mflow, Orch auto sync merge msg failed. key size is 0",
+                 "mflow, Orch auto sync merge msg failed. malloc fail",
+                 "mflow, Orch auto sync merge msg failed. write mqueue fail"});
+    EXPECT_EQ(LiveAllocations(), idle);
+
+    // A batch from a sync group: one result per record, the empty one fails.
+    uint32_t k1 = 1u, k3 = 3u;
+    ASOrchSyncGrpData items[3] = {{&k1, 0u, 9u}, {nullptr, 0u, 9u}, {&k3, 0u, 9u}};
+    ASOrchMsgVec vec{0x10u, 0u, nullptr, 4u, nullptr, 4u, 0u, nullptr};
+    ASOrchMergeSyncGrpDatas(0u, items, &vec, 0u, handle_);
+    EXPECT_EQ(items[0].result, 9u);
+    ASOrchMergeSyncGrpDatas(3u, items, &vec, 0u, handle_);
+    EXPECT_EQ(items[0].result, 0u);
+    EXPECT_EQ(items[1].result, 0x10004u);
+    EXPECT_EQ(items[2].result, 0u);
+    EXPECT_TRUE(HasLine("MergeSyncGrpDatas error, i = 1. msgId 16."));
+    // Left pending: destruction releases both blocks (checked in TearDown).
+}
+
+TEST_F(MergeFlowTest, WaterMarksThrottleChannelOrSyncGroup)
+{
+    base_.mergeMque[0].highWater = 3u;
+    base_.mergeMque[0].lowWater = 2u;
+    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    const char *warn = "mflow, mb mque high water. suggest config syncGrp sync thread";
+    auto burst = [&] {
+        for (uint32_t k = 0; k < 4u; ++k) {
+            Write(0u, 0x10u, 0u, k);
+        }
+    };
+    burst();
+    EXPECT_EQ(RIX_TEST_ChanBackPressed(eal_, 0u), 1u);
+    EXPECT_TRUE(HasLine(warn));
+    EXPECT_TRUE(HasLine("Orch autosync MQUE monitor : 0, channelId 0."));
+    RIX_TEST_EalRunUntilIdle(eal_, 0u);
+    EXPECT_EQ(RIX_TEST_ChanBackPressed(eal_, 0u), 0u);
+    handle_->threadMask = 3u;  // with a SYNC thread only the back-press
+    burst();
+    EXPECT_EQ(RIX_TEST_ChanBackPressed(eal_, 0u), 1u);
+    EXPECT_EQ(CountContaining(warn), 1u);
+    RIX_TEST_EalRunUntilIdle(eal_, 0u);
+
+    RIX_TEST_EalSetMbRole(eal_, 0u);
+    burst();
+    EXPECT_TRUE(HasLine("mflow, Monitor HighWater sync groupid Fail")) << DumpLines();
+    RIX_TEST_EalRunUntilIdle(eal_, 0u);
+    EXPECT_TRUE(HasLine("mflow, Monitor LowWater sync groupid Fail"));
+    base_.threadMask = 1u;
+    base_.syncGrpMsgSet[0] = 1u;
+    ASSERT_EQ(ASOrchRegSyncGrpBase(handle_, &base_), 0u) << DumpLines();
+    const int32_t grp = ASOrchGetSyncGrpId(handle_, 0u);
+    burst();
+    EXPECT_EQ(RIX_TEST_EalSyncBackPressed(eal_, static_cast<uint32_t>(grp)), 1u);
+    RIX_TEST_EalRunUntilIdle(eal_, 0u);
+    EXPECT_EQ(RIX_TEST_EalSyncBackPressed(eal_, static_cast<uint32_t>(grp)), 0u);
+    EXPECT_EQ(g_calls.size(), 16u);
+}
+
+TEST_F(MergeFlowTest, ReaderBackPressHoldsDeliveryUntilReleased)
+{
+    EXPECT_EQ(ASOrchMergeBackPress(nullptr, 0u), 0u);
+    base_.mergeMque[1].hashFunc = nullptr;
+    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    EXPECT_EQ(ASOrchMergeBackPress(handle_, 1u), 1u);
+    EXPECT_EQ(ASOrchMergeUnBackPress(handle_, 7u), 1u);
+    EXPECT_EQ(ASOrchMergeBackPress(handle_, 0u), 0u);
+    Write(0u, 0x10u, 0u, 1u);
+    RIX_TEST_EalRunUntilIdle(eal_, 0u);
+    EXPECT_EQ(g_calls.size(), 0u);
+    EXPECT_EQ(ASOrchMergeUnBackPress(handle_, 0u), 0u);
+    EXPECT_EQ(ASOrchMergeUnBackPress(handle_, 0u), 1u);
+    RIX_TEST_EalRunUntilIdle(eal_, 0u);
+    EXPECT_EQ(g_calls.size(), 1u);
+}
+
+TEST_F(MergeFlowTest, StartedDataThreadDrainsWhatWasWritten)
+{
+    base_.threadMask = 1u;
+    base_.syncGrpMsgSet[0] = 1u;
+    base_.chanPort[0].realServerPort = 9000u;
+    ASSERT_EQ(ASOrchRegBase(handle_, &base_), 0u) << DumpLines();
+    for (uint32_t k = 0; k < 40u; ++k) {
+        Write(k % 2u, k % 2u ? 0x20u : 0x10u, 0u, k);
+    }
+    ASSERT_EQ(ASOrchInit(handle_), 0u);
+    ASSERT_EQ(ASOrchStart(handle_), 0u);
+    ASSERT_EQ(RIX_TEST_EalWaitIdle(eal_, 0u, 5000u), 0u);
+    EXPECT_EQ(g_calls.size(), 40u);
+}
+
+// Every allocation of a registration-and-burst scenario fails once in turn: whatever
+// fails, destruction balances the allocator.
+TEST_F(MergeFlowTest, EveryAllocationFailureIsCleanedUp)
+{
+    ASOrchDestroy(handle_);
+    handle_ = nullptr;
+    for (uint64_t n = 1; n < 200u; ++n) {
+        rixtest::ResetAllocStats();
+        rixtest::FailAllocNth(n);
+        const ASOrchCreatePara para = rixtest::CountingCreatePara();
+        ASOrchHandle *h = ASOrchCreate("mflow", &para);
+        if (h != nullptr) {
+            ASOrchRegMerge(h, &base_);
+            for (uint32_t k = 0; k < 6u; ++k) {
+                uint32_t key = k % 4u;
+                ASOrchMsgVec v{0x10u, k % 2u, &key, 4u, &key, 4u, 0u, nullptr};
+                ASOrchMsgMerge(h, k % 4u, &v);
+            }
+            RIX_TEST_EalRunUntilIdle(ASOrchGetEalHdl(h), 0u);
+            ASOrchDestroy(h);
+        }
+        const bool hit = rixtest::GetAllocStats().failed != 0u;
+        rixtest::FailAllocNth(0u);
+        ASSERT_EQ(LiveAllocations(), 0) << "allocation " << n;
+        if (!hit) {
+            EXPECT_GT(n, 8u);
+            return;
+        }
+    }
+    FAIL() << "scenario never completed";
+}
+
+}  // namespace
