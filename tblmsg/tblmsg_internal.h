@@ -1,0 +1,74 @@
+// Table-message internals shared by the registry, message entry, parsing, dispatch and
+// smoothing; not exported.
+#ifndef RIX_AS_TBLMSG_INTERNAL_H
+#define RIX_AS_TBLMSG_INTERNAL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "rix_as_names.h"
+#include "rix_as_merge.h"
+#include "rix_as_orch.h"
+#include "rix_as_tblmsg.h"
+
+namespace asorch::tblmsg {
+
+// Every registration list becomes one block: this header, then its nodes. The blocks of one
+// registry are chained from the first so that the registry can be handed back whole.
+struct NodeBlock {
+    NodeBlock *first;
+    NodeBlock *next;
+};
+
+template <class Ctrl>
+struct Node {
+    ASIntHashNode hashNode;  // link and key, as the hash expects
+    Ctrl ctrl;
+    NodeBlock *block;
+};
+
+using RecvNode = Node<ASOrchTblMsgRecvCtrl>;
+using TransNode = Node<ASOrchTblMsgTransCtrl>;
+
+static_assert(offsetof(RecvNode, hashNode) == 0 && offsetof(TransNode, hashNode) == 0,
+              "the hash link opens a node");
+static_assert(alignof(NodeBlock) >= alignof(RecvNode) && alignof(NodeBlock) >= alignof(TransNode),
+              "nodes follow the block header without padding");
+
+// Exported entry points refuse null arguments with one line naming themselves.
+inline bool NullArg(const char *func, bool bad)
+{
+    if (bad) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, null argument.", func);
+    }
+    return bad;
+}
+
+// Wire words may sit at any alignment inside a body.
+inline uint32_t LoadU32(const void *base, uint32_t offset)
+{
+    uint32_t v;
+    __builtin_memcpy(&v, static_cast<const uint8_t *>(base) + offset, sizeof(v));
+    return v;
+}
+
+struct TlvHeader {
+    uint32_t tableId;
+    uint32_t tlvType;
+    uint32_t tlvLen;
+};
+
+inline TlvHeader LoadTlv(const ASOrchTransTlv *tlv)
+{
+    return TlvHeader{LoadU32(tlv, 0), LoadU32(tlv, 4), LoadU32(tlv, 8)};
+}
+
+inline const uint8_t *TlvValue(const ASOrchTransTlv *tlv)
+{
+    return reinterpret_cast<const uint8_t *>(tlv) + ASORCH_TLV_HDR_LEN;
+}
+
+}  // namespace asorch::tblmsg
+
+#endif
