@@ -37,9 +37,10 @@ namespace asmerge {
 
 void DiscardPending(MergeQueCb *queue)
 {
+    // The bare read core neither re-notifies nor reports low water to an owner that is going away.
     const uint32_t pending = queue->reader.itemCnt;
     if (pending != 0u) {
-        (void)RIX_MergeQueReadCallBack(queue, pending, DiscardOne, nullptr);
+        (void)RIX_MergeQueReadToCallBack(queue, pending, DiscardOne, nullptr);
     }
 }
 

@@ -263,6 +263,13 @@ ASORCH_API void ASOrchFreeMergeMsg(ASOrchHandle *handle, ASOrchMergeHandle *bloc
     if (handle == nullptr || block == nullptr) {
         return;
     }
+    // Readers leave their epoll sets before anything they dispatch through is released: a
+    // drain running on the DATA thread finishes first, and none starts afterwards.
+    for (uint32_t chan = 0; chan < ASORCH_MERGE_CHAN_NUM; ++chan) {
+        if (block[chan].mqueHandle != nullptr) {
+            RIX_MergeQueEpollUnReg(block[chan].mqueHandle);
+        }
+    }
     for (uint32_t chan = 0; chan < ASORCH_MERGE_CHAN_NUM; ++chan) {
         ASOrchMergeHandle &entry = block[chan];
         if (entry.mergeMsgHash != nullptr) {

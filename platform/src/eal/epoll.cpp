@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <new>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -23,9 +25,12 @@ struct SetState {
     std::map<int32_t, EpollReg *> regs;  // by watched descriptor
     std::vector<EpollReg *> retired;     // deleted while a batch of the set was running
     uint32_t running = 0;                // batches of the set in progress
+    EpollReg *current = nullptr;         // whose callback runs now, and on which thread
+    std::thread::id runner;
 };
 
 std::mutex g_mutex;
+std::condition_variable g_callbackDone;
 std::map<int32_t, SetState> &Sets()
 {
     static auto *sets = new std::map<int32_t, SetState>;  // outlives late static destructors
@@ -106,7 +111,7 @@ int32_t EpollAddReg(EpollReg *reg, uint32_t events)
 
 int32_t EpollDelReg(int32_t epFd, int32_t fd)
 {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    std::unique_lock<std::mutex> lock(g_mutex);
     auto sit = Sets().find(epFd);
     if (sit == Sets().end()) {
         return -1;
@@ -116,17 +121,26 @@ int32_t EpollDelReg(int32_t epFd, int32_t fd)
         return -1;
     }
     EpollReg *reg = it->second;
-    sit->second.regs.erase(it);
+    SetState &set = sit->second;
+    set.regs.erase(it);
     int rc = epoll_ctl(epFd, EPOLL_CTL_DEL, fd, nullptr);
-    Retire(sit->second, reg);
+    Retire(set, reg);
+    // Like a real loop's removal, this returns only once a callback of the registration that
+    // runs on another thread has finished, so the caller may free what the callback uses.
+    // (A registration is freed only after its batch, so comparing the pointer is safe.)
+    lock.unlock();
+    std::unique_lock<std::mutex> wait(g_mutex);
+    g_callbackDone.wait(wait, [&] { return set.current != reg || set.runner == std::this_thread::get_id(); });
     return rc == 0 ? 0 : -1;
 }
 
 int32_t EpollRunBatch(int32_t epFd, int32_t timeoutMs)
 {
+    SetState *set = nullptr;  // stays put: a set with a running batch is never erased
     {
         std::lock_guard<std::mutex> lock(g_mutex);
-        ++Sets()[epFd].running;
+        set = &Sets()[epFd];
+        ++set->running;
     }
     epoll_event evs[kBatch];
     int n;
@@ -136,18 +150,27 @@ int32_t EpollRunBatch(int32_t epFd, int32_t timeoutMs)
     int32_t ran = 0;
     for (int i = 0; i < n; ++i) {
         auto *reg = static_cast<EpollReg *>(evs[i].data.ptr);
-        if (reg->dead.load(std::memory_order_acquire)) {
-            continue;
+        {
+            std::lock_guard<std::mutex> lock(g_mutex);
+            if (reg->dead.load(std::memory_order_acquire)) {
+                continue;
+            }
+            set->current = reg;
+            set->runner = std::this_thread::get_id();
         }
         (void)reg->callback(reg->fd, evs[i].events, reg->ctx);
+        {
+            std::lock_guard<std::mutex> lock(g_mutex);
+            set->current = nullptr;
+        }
+        g_callbackDone.notify_all();
         ++ran;
     }
     std::vector<EpollReg *> retired;
     {
         std::lock_guard<std::mutex> lock(g_mutex);
-        SetState &set = Sets()[epFd];
-        if (--set.running == 0) {
-            retired.swap(set.retired);
+        if (--set->running == 0) {
+            retired.swap(set->retired);
         }
     }
     for (EpollReg *reg : retired) {
