@@ -7,9 +7,9 @@
 
 namespace {
 
-using rixtest::HasLine;
 using rixtest::Lines;
 using Strings = std::vector<std::string>;
+using Rets = std::vector<uint32_t>;
 
 class LifecycleTest : public rixtest::PlatformTest {
 protected:
@@ -32,15 +32,9 @@ TEST_F(LifecycleTest, CreateFillsHandleAndInstanceAndDestroyReturnsAll)
     ASOrchHandle *h = ASOrchCreate(name, &para_);
     ASSERT_NE(nullptr, h) << rixtest::DumpLines();
     EXPECT_EQ(2, rixtest::LiveAllocations());  // name node and handle
-    EXPECT_EQ(0xFFFFFFFFu, h->ondemandParam.word[0] & h->ondemandParam.word[1]);
-    EXPECT_EQ(0u, h->threadMask);
-    EXPECT_TRUE(h->syncGrpRes == nullptr && h->mergeHandle == nullptr && h->tblMsgRecvHash == nullptr &&
-                h->tblMsgTransHash == nullptr);
     const RIX_EAL_CreatePara *cp = RIX_TEST_EalCreatePara(h->ealHdl);
     EXPECT_STREQ(name, RIX_TEST_EalName(h->ealHdl));
-    EXPECT_EQ(0x35u, cp->orchId);
-    EXPECT_EQ(0x11u, cp->para1);
-    EXPECT_EQ(0x22u, cp->para2);
+    EXPECT_EQ((Rets{0x35u, 0x11u, 0x22u}), (Rets{cp->orchId, cp->para1, cp->para2}));
     EXPECT_EQ(reinterpret_cast<void *>(rixtest::CountingFree), reinterpret_cast<void *>(cp->memFree));
     EXPECT_EQ((Strings{"ABCDEFGHIJKLMNO, Create Orch autosync handle ok", "ABCDEFGHIJKLMNO, Create Orch autosync eal ok",
                        "ABCDEFGHIJKLMNO, Orch autosync create success"}),
@@ -49,14 +43,11 @@ TEST_F(LifecycleTest, CreateFillsHandleAndInstanceAndDestroyReturnsAll)
 
     // The name stays taken while the orchestrator lives, and is free again after it.
     EXPECT_EQ(nullptr, ASOrchCreate(name, &para_));
-    EXPECT_TRUE(HasLine("ABCDEFGHIJKLMNO, Create Orch autosync Fail, add module fail"));
+    EXPECT_TRUE(rixtest::HasLine("ABCDEFGHIJKLMNO, Create Orch autosync Fail, add module fail"));
     RIX_TEST_LogClear();
     ASOrchDestroy(h);  // never registered: still a clean release
     EXPECT_EQ((Strings{"ABCDEFGHIJKLMNO, Orch auto sync free begin.", "Orch auto sync free ok."}), Lines());
     ExpectNothingLeft(name, 2u);
-    h = ASOrchCreate(name, &para_);
-    ASSERT_NE(nullptr, h);
-    ASOrchDestroy(h);
 
     RIX_TEST_LogClear();
     ASOrchDestroy(nullptr);
@@ -70,24 +61,23 @@ TEST_F(LifecycleTest, CreateFillsHandleAndInstanceAndDestroyReturnsAll)
 
 TEST_F(LifecycleTest, EveryCreationFailureGivesBackWhatItTook)
 {
-    struct Case {
+    const std::string handleOk = "M, Create Orch autosync handle ok", noId = "M, get orch id error";
+    const struct {
         void (*arm)();
         uint64_t allocs;
         Strings lines;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {[] { rixtest::FailAllocNth(1); }, 0u, {"M, Create Orch autosync Fail, add module fail"}},
         {[] { rixtest::FailAllocNth(2); }, 1u, {"M, Orch autosync Memory Alloc Fail"}},
         {[] { RIX_TEST_SetOrchPub(RIX_TEST_ORCHPUB_CALL_FAILS, 0u, 0u, 0u); }, 2u,
-         {"M, Create Orch autosync handle ok", "failed to get orchpub vt table, ret = 5", "M, get orch id error"}},
+         {handleOk, "failed to get orchpub vt table, ret = 5", noId}},
         {[] { RIX_TEST_SetOrchPub(RIX_TEST_ORCHPUB_NO_TABLE, 0u, 0u, 0u); }, 2u,
-         {"M, Create Orch autosync handle ok", "failed to get orchpub vt table, ret = 0", "M, get orch id error"}},
+         {handleOk, "failed to get orchpub vt table, ret = 0", noId}},
         {[] { RIX_TEST_SetOrchPub(RIX_TEST_ORCHPUB_NO_ENTRY18, 0u, 0u, 0u); }, 2u,
-         {"M, Create Orch autosync handle ok", "getOrchIdBySlotAndCpu is null", "M, get orch id error"}},
-        {[] { RIX_TEST_FailNth("RIX_EAL_Create", 1u); }, 2u,
-         {"M, Create Orch autosync handle ok", "M, Create Orch autosync eal Fail"}},
+         {handleOk, "getOrchIdBySlotAndCpu is null", noId}},
+        {[] { RIX_TEST_FailNth("RIX_EAL_Create", 1u); }, 2u, {handleOk, "M, Create Orch autosync eal Fail"}},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.lines.back());
         SetUp();
         c.arm();
@@ -103,47 +93,28 @@ TEST_F(LifecycleTest, AccessorsHandOnToTheInstance)
     ASSERT_NE(nullptr, h);
     void *eal = h->ealHdl;
     RIX_TEST_LogClear();
-    EXPECT_EQ(0u, ASOrchInit(h));
-    EXPECT_EQ(0u, ASOrchStart(h));
-    RIX_TEST_FailNth("RIX_EAL_Init", 1u);
-    RIX_TEST_FailNth("RIX_EAL_Start", 1u);
+    auto calls = [h] { return Rets{ASOrchInit(h), ASOrchStart(h), ASOrchTimerInit(h, 100u, 1u, 0u, 0u)}; };
     RIX_TEST_FailNth("RIX_TIMER_Create", 1u);
-    EXPECT_EQ(1u, ASOrchInit(h));
-    EXPECT_EQ(1u, ASOrchStart(h));
-    EXPECT_EQ(1u, ASOrchTimerInit(h, 100u, 0u, 0u, 0u));
-    EXPECT_EQ(1u, RIX_TEST_CallCount("RIX_TIMER_Create"));
+    EXPECT_EQ((Rets{0u, 0u, 1u}), calls());
+    h->ealHdl = nullptr;  // without an instance nothing reaches the layer
+    EXPECT_EQ((Rets{1u, 1u, 1u}), calls());
+    h->ealHdl = eal;
     ASOrchModInitOk(h);
-    EXPECT_EQ((Strings{"DEMO, Init Orch autosync ok", "DEMO, Start Orch autosync ok", "DEMO, Init Orch autosync Fail",
-                       "DEMO, Start Orch autosync Fail", "DEMO, auto sync timer init Fail",
-                       "DEMO, Orch auto sync ModInitOk."}),
+    EXPECT_EQ((Strings{"DEMO, Init Orch autosync ok", "DEMO, Start Orch autosync ok", "DEMO, auto sync timer init Fail",
+                       "DEMO, Init Orch autosync Fail, ealHdl is Null", "DEMO, Start Orch autosync Fail, ealHdl is Null",
+                       "DEMO, auto sync timer init Fail, ealHdl is NULL", "DEMO, Orch auto sync ModInitOk."}),
               Lines());
+    EXPECT_EQ(1u, RIX_TEST_CallCount("RIX_TIMER_Create"));
     EXPECT_EQ(1u, RIX_TEST_EalModInitOkCount(eal));
     EXPECT_EQ(RIX_EAL_GetEpollFd(eal, 2u), ASOrchGetEpollFd(h, 2u));
 
     uint32_t w0 = 0, w1 = 0;
     EXPECT_EQ(0u, ASOrchSetOndemandParam(h, ASOrchOndemandPara{{4u, 9u}}));
     EXPECT_EQ(1u, RIX_TEST_EalOndemand(eal, &w0, &w1));
-    EXPECT_EQ(4u, w0);
-    EXPECT_EQ(4u, h->ondemandParam.word[0]);
-    EXPECT_EQ(9u, w1);
-
-    const ASOrchSynGrpFlowCtrl fc = {{1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 10u, 11u, 12u}};
-    EXPECT_EQ(1u, ASOrchAdvSetSynGrpFlowCtrl(h, 4u, &fc));
-    EXPECT_EQ(1u, ASOrchAdvSetSynGrpVerifyInterVal(h, 4u, 5u));
-    EXPECT_EQ(0u, ASOrchAdvSetSynGrpFlowCtrl(h, 3u, &fc));
-    EXPECT_EQ(1u, h->synGrpAdv[3].flowCtrlValid);
-    EXPECT_EQ(0, std::memcmp(&fc, &h->synGrpAdv[3].flowCtrl, sizeof(fc)));
-
-    // Without an instance nothing reaches the layer.
-    RIX_TEST_LogClear();
-    h->ealHdl = nullptr;
-    EXPECT_EQ(1u, ASOrchInit(h));
-    EXPECT_EQ(1u, ASOrchStart(h));
-    EXPECT_EQ(1u, ASOrchTimerInit(h, 100u, 0u, 0u, 0u));
-    EXPECT_EQ((Strings{"DEMO, Init Orch autosync Fail, ealHdl is Null", "DEMO, Start Orch autosync Fail, ealHdl is Null",
-                       "DEMO, auto sync timer init Fail, ealHdl is NULL"}),
-              Lines());
-    h->ealHdl = eal;
+    EXPECT_EQ((Rets{4u, 9u, 4u}), (Rets{w0, w1, h->ondemandParam.word[0]}));
+    const ASOrchSynGrpFlowCtrl fc = {{1u}};  // group 4 is past the last
+    EXPECT_EQ((Rets{1u, 1u, 1u}), (Rets{ASOrchAdvSetSynGrpFlowCtrl(h, 4u, &fc), ASOrchAdvSetSynGrpVerifyInterVal(h, 4u, 5u),
+                                        ASOrchAdvSetSynGrpNotifyFunc(h, 4u, nullptr)}));
     ASOrchDestroy(h);
     EXPECT_EQ(0, rixtest::LiveAllocations());
 }
@@ -166,9 +137,8 @@ TEST_F(LifecycleTest, HotPatchHookActsOnlyForThisLibrary)
     std::memset(desc.data(), 0, desc.size());
     std::memcpy(desc.data() + kNameOffset, lib, sizeof(lib));
     uint32_t handled = 7u;
-    EXPECT_EQ(0, librix_autosync_orch_PAT_C2HSyncHookFunc(0, 0u, desc.data(), &handled));
-    EXPECT_EQ(0, librix_autosync_orch_PAT_C2HSyncHookFunc(1, 0u, desc.data(), &handled));
-    EXPECT_EQ(1, librix_autosync_orch_PAT_C2HSyncHookFunc(2, 0u, desc.data(), &handled));
+    auto hook = [&](int op) { return librix_autosync_orch_PAT_C2HSyncHookFunc(op, 0u, desc.data(), &handled); };
+    EXPECT_EQ((std::vector<int>{0, 0, 1}), (std::vector<int>{hook(0), hook(1), hook(2)}));
     EXPECT_EQ(1u, handled);
     EXPECT_EQ((Strings{"librix_autosync_orch reserved patch c2h active.",
                        "librix_autosync_orch reserved patch c2h deactive.",
@@ -177,7 +147,7 @@ TEST_F(LifecycleTest, HotPatchHookActsOnlyForThisLibrary)
 
     RIX_TEST_LogClear();
     desc.data()[kNameOffset + sizeof(lib) - 2u] = '\0';  // a prefix of the name is another library
-    EXPECT_EQ(0, librix_autosync_orch_PAT_C2HSyncHookFunc(2, 0u, desc.data(), &handled));
+    EXPECT_EQ(0, hook(2));
     EXPECT_EQ(0u, handled);
     EXPECT_EQ(0u, RIX_TEST_LogCount());
 }

@@ -1,6 +1,9 @@
 // Merge handles, the write path and the receive dispatch, on the stand-in DATA thread.
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "test_support.h"
@@ -80,12 +83,10 @@ protected:
                        static_cast<uint32_t>(std::strlen(data)), 0u, nullptr};
         return ASOrchMsgMerge(handle_, type, &v);
     }
-    std::vector<uint32_t> Keys()
+    static std::vector<uint32_t> Keys()
     {
         std::vector<uint32_t> out;
-        for (const Call &c : g_calls) {
-            out.push_back(c.key);
-        }
+        std::transform(g_calls.begin(), g_calls.end(), std::back_inserter(out), [](const Call &c) { return c.key; });
         return out;
     }
 
@@ -94,8 +95,9 @@ protected:
     void *eal_ = nullptr;
 };
 
-TEST_F(MergeFlowTest, RegistrationBuildsNamedQueuesAndFreesThem)
+TEST_F(MergeFlowTest, RegistrationNamesQueuesAndFailuresLeaveNoState)
 {
+    const int64_t before = LiveAllocations();
     ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u) << DumpLines();
     MergeQueCb *fes = ASOrchGetReaderHdl(handle_, 1u);
     ASSERT_NE(fes, nullptr);
@@ -103,20 +105,37 @@ TEST_F(MergeFlowTest, RegistrationBuildsNamedQueuesAndFreesThem)
     EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_DAM"), ASOrchGetReaderHdl(handle_, 0u));
     EXPECT_EQ(fes->para.hashSize, 64u);
     EXPECT_EQ(handle_->mergeHandle[0].hashSize, 8192u);
-    EXPECT_EQ(fes->para.schedProc, ORCH_AutoSyncRecvFesMerge);
     EXPECT_EQ(fes->highWater - fes->lowWater, 65536u - 8192u);
-    EXPECT_EQ(handle_->mergeHandle[1].epFd, RIX_EAL_GetEpollFd(eal_, 0u));
     EXPECT_TRUE(HasLine("mflow, 1 Register Orch autosync FES MQUE Monitor ok")) << DumpLines();
     ASOrchFreeMergeHandle(handle_);
-    EXPECT_EQ(handle_->mergeHandle, nullptr);
     EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_FES"), nullptr);
     EXPECT_EQ(ASOrchGetReaderHdl(handle_, 0u), nullptr);
+    EXPECT_EQ(LiveAllocations(), before);
 
-    // Only FES: the DAM entry stays all zero and DAM merge types fail silently.
+    // A duplicate msgId, a refused FES monitor (5000 is not above the default low mark 8192),
+    // a failed queue creation, a second run on a registered handle: nothing stays.
+    ASOrchMergeMsg dup[2] = {g_damMsgs[0], g_damMsgs[0]};
+    const char *logs[] = {"mflow, merge failed to add hashNode(16)", "mflow, 1 Register Orch autosync DAM MQUE Monitor fail",
+                          "mflow, mflow_DAM Register Orch autosync create MQUE fail", nullptr};
+    for (int i = 0; i < 4; ++i) {
+        base_.mergeMque[0].mergeMsg = i == 0 ? dup : g_damMsgs;
+        base_.mergeMque[1].highWater = i == 1 ? 5000u : 0u;
+        if (i == 2) {
+            RIX_TEST_FailNth("LITE_HASH_CreateWithLock", 1u);
+        } else if (i == 3) {
+            ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+        }
+        EXPECT_EQ(ASOrchRegMerge(handle_, &base_), 1u) << i;
+        EXPECT_TRUE(logs[i] == nullptr || HasLine(logs[i])) << logs[i] << DumpLines();
+        EXPECT_EQ(handle_->mergeHandle, nullptr);
+        EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_DAM"), nullptr);
+        EXPECT_EQ(LiveAllocations(), before);
+    }
+    EXPECT_TRUE(HasLine("mflow, 0 init auto sync merge handle failed."));
+
+    // Only FES: DAM merge types fail silently.
     base_.mergeMque[0].hashFunc = nullptr;
     ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
-    const ASOrchMergeHandle zero{};
-    EXPECT_EQ(std::memcmp(&handle_->mergeHandle[0], &zero, sizeof(zero)), 0);
     const uint32_t lines = RIX_TEST_LogCount();
     EXPECT_EQ(Write(0u, 0x10u, 0u, 1u), 1u);
     EXPECT_EQ(Write(2u, 0x10u, 0u, 1u), 1u);
@@ -124,68 +143,30 @@ TEST_F(MergeFlowTest, RegistrationBuildsNamedQueuesAndFreesThem)
     EXPECT_EQ(Write(3u, 0x20u, 0u, 1u), 0u);
 }
 
-TEST_F(MergeFlowTest, FailedRegistrationLeavesNoMergeState)
-{
-    const int64_t before = LiveAllocations();
-    ASOrchMergeMsg dup[2] = {g_damMsgs[0], g_damMsgs[0]};
-    base_.mergeMque[0].mergeMsg = dup;
-    EXPECT_EQ(ASOrchRegMerge(handle_, &base_), 1u);
-    ExpectLines({"mflow, merge failed to add hashNode(16)", "mflow, Orch auto sync create merge msg hash Fail",
-                 "mflow, init auto sync merge msgMerge failed.", "mflow, 0 init auto sync merge handle failed."});
-    EXPECT_EQ(handle_->mergeHandle, nullptr);
-    EXPECT_EQ(LiveAllocations(), before);
-
-    // FES refuses its monitor (5000 is not above the default 8192): DAM goes as well.
-    base_.mergeMque[0].mergeMsg = g_damMsgs;
-    base_.mergeMque[1].highWater = 5000u;
-    EXPECT_EQ(ASOrchRegMerge(handle_, &base_), 1u);
-    EXPECT_TRUE(HasLine("mflow, 1 Register Orch autosync DAM MQUE Monitor fail")) << DumpLines();
-    EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_DAM"), nullptr);
-    EXPECT_EQ(handle_->mergeHandle, nullptr);
-    EXPECT_EQ(LiveAllocations(), before);
-
-    base_.mergeMque[1].highWater = 0u;
-    RIX_TEST_FailNth("LITE_HASH_CreateWithLock", 1u);
-    EXPECT_EQ(ASOrchRegMerge(handle_, &base_), 1u);
-    EXPECT_TRUE(HasLine("mflow, mflow_DAM Register Orch autosync create MQUE fail")) << DumpLines();
-    EXPECT_EQ(LiveAllocations(), before);
-
-    // A second run on a registered handle fails and releases the first one too.
-    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
-    EXPECT_EQ(ASOrchRegMerge(handle_, &base_), 1u);
-    EXPECT_EQ(handle_->mergeHandle, nullptr);
-    EXPECT_EQ(LiveAllocations(), before);
-}
-
 TEST_F(MergeFlowTest, BurstIsMergedByRuleInQueueOrder)
 {
     ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
     const int64_t idle = LiveAllocations();
-    static const char shared[] = "zz";
-    ASOrchMsgVec noData{0x10u, 0u, nullptr, 4u, const_cast<char *>(shared), 0u, 0u, nullptr};
+    static char shared[] = "zz";
     uint32_t key4 = 4u;
-    noData.key = &key4;
-    EXPECT_EQ(Write(0u, 0x10u, 1u, 1u, "a"), 0u);
-    EXPECT_EQ(Write(0u, 0x10u, 0u, 2u, "b"), 0u);
-    EXPECT_EQ(Write(0u, 0x10u, 0u, 1u, "cc"), 0u);  // pending 1 + arriving 0 -> 2, keeps its place
-    EXPECT_EQ(Write(0u, 0x10u, 0u, 3u, "d"), 0u);
-    EXPECT_EQ(Write(0u, 0x10u, 3u, 3u, "e"), 0u);   // age information stays 3
+    ASOrchMsgVec noData{0x10u, 0u, &key4, 4u, shared, 0u, 0u, nullptr};
     EXPECT_EQ(ASOrchMsgMerge(handle_, 0u, &noData), 0u);
-    EXPECT_EQ(Write(0u, 0x10u, 1u, 5u, "f"), 0u);   // pending age information: no rule, keeps 1
-    EXPECT_EQ(Write(0u, 0x10u, 3u, 5u, "g"), 0u);
-    EXPECT_EQ(Write(0u, 0x10u, 1u, 5u, "h"), 0u);
+    // 1 then 0 gives 2 in place; 3 stays 3; on pending age information no rule applies.
+    const std::tuple<uint32_t, uint32_t, const char *> burst[] = {
+        {1, 1, "a"}, {2, 0, "b"}, {1, 0, "cc"}, {3, 0, "d"}, {3, 3, "e"}, {5, 1, "f"}, {5, 3, "g"}, {5, 1, "h"}};
+    for (const auto &[key, op, data] : burst) {
+        EXPECT_EQ(Write(0u, 0x10u, op, key, data), 0u);
+    }
     EXPECT_EQ(LiveAllocations(), idle + 5);  // one block per pending key
     EXPECT_EQ(g_calls.size(), 0u);
     RIX_TEST_EalRunUntilIdle(eal_, 0u);
-    EXPECT_EQ(Keys(), (std::vector<uint32_t>{1u, 2u, 3u, 4u, 5u}));
-    ASSERT_EQ(g_calls.size(), 5u) << DumpLines();
-    EXPECT_EQ(g_calls[0].opType, 2u);
-    EXPECT_EQ(g_calls[0].data, "cc");
-    EXPECT_EQ(g_calls[2].opType, 3u);
-    EXPECT_EQ(g_calls[4].opType, 1u);
-    EXPECT_EQ(g_calls[4].data, "h");
+    std::string got;
+    for (const Call &c : g_calls) {
+        got += std::to_string(c.key) + ":" + std::to_string(c.opType) + ":" + c.data + " ";
+    }
+    EXPECT_EQ(got, "4:0: 1:2:cc 2:0:b 3:3:e 5:1:h ") << DumpLines();
     ExpectLines({"Orch autosync merge notify is ageinfo error, msgId 16", "Orch autosync merge notify get rule error"});
-    EXPECT_EQ(g_calls[3].dataPtr, shared);  // nothing copied for an empty body
+    EXPECT_EQ(g_calls[0].dataPtr, shared);  // nothing copied for an empty body
     EXPECT_EQ(LiveAllocations(), idle);
 
     // Type 2 moves an update behind the others; type 0 leaves it in place.
@@ -206,27 +187,37 @@ TEST_F(MergeFlowTest, BurstIsMergedByRuleInQueueOrder)
     ASSERT_EQ(g_calls.size(), 70u);
     EXPECT_EQ(g_calls[69].key, 69u);
     EXPECT_EQ(g_calls[69].table, 1);
+    const std::vector<std::string> lines = rixtest::Lines();
     std::vector<std::string> counts;
-    for (const std::string &l : rixtest::Lines()) {
-        if (l.find("read FES merge msg count") == 0u) {
-            counts.push_back(l);
-        }
-    }
+    std::copy_if(lines.begin(), lines.end(), std::back_inserter(counts),
+                 [](const std::string &l) { return l.find("read FES merge msg count") == 0u; });
     EXPECT_EQ(counts, (std::vector<std::string>{"read FES merge msg count 32 finished.",
                                                 "read FES merge msg count 32 finished.",
                                                 "read FES merge msg count 6 finished."}));
     EXPECT_EQ(LiveAllocations(), idle);
 }
 
-TEST_F(MergeFlowTest, ImmediateAndFailedDispatchReleaseEverything)
+TEST_F(MergeFlowTest, ImmediateFailedHeldAndRefusedMessagesReleaseEverything)
 {
     EXPECT_EQ(Write(4u, 0x10u, 0u, 1u), 1u);  // before registration
     EXPECT_TRUE(HasLine("[mflow] from broker ipc msg dispatch proc failed! mergeHandle is NULL"));
+    EXPECT_EQ(ASOrchMergeBackPress(nullptr, 0u), 0u);
     base_.mergeMque[1].hashFunc = nullptr;
     ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    // A back-pressed reader holds delivery until released; FES was never built.
+    EXPECT_EQ(ASOrchMergeBackPress(handle_, 1u), 1u);
+    EXPECT_EQ(ASOrchMergeUnBackPress(handle_, 7u), 1u);
+    EXPECT_EQ(ASOrchMergeBackPress(handle_, 0u), 0u);
+    Write(0u, 0x10u, 0u, 1u);
+    RIX_TEST_EalRunUntilIdle(eal_, 0u);
+    EXPECT_EQ(g_calls.size(), 0u);
+    EXPECT_EQ(ASOrchMergeUnBackPress(handle_, 0u), 0u);
+    EXPECT_EQ(ASOrchMergeUnBackPress(handle_, 0u), 1u);
+    RIX_TEST_EalRunUntilIdle(eal_, 0u);
+    EXPECT_EQ(g_calls.size(), 1u);
     const int64_t idle = LiveAllocations();
     EXPECT_EQ(Write(4u, 0x10u, 2u, 1u), 0u);
-    ASSERT_EQ(g_calls.size(), 1u);  // at once, nothing copied
+    ASSERT_EQ(g_calls.size(), 2u);  // at once, nothing copied
     EXPECT_EQ(LiveAllocations(), idle);
     EXPECT_EQ(Write(9u, 0x20u, 0u, 1u), 1u);  // FES never built
     EXPECT_EQ(Write(4u, 0x11u, 1u, 1u), 1u);
@@ -250,12 +241,8 @@ TEST_F(MergeFlowTest, ImmediateAndFailedDispatchReleaseEverything)
 
     EXPECT_EQ(ASOrchMsgMerge(nullptr, 0u, nullptr), 1u);
     EXPECT_TRUE(HasLine("Orch autosync send merge msg handle is NULL"));
-}
 
-TEST_F(MergeFlowTest, RefusedWritesReleaseTheirCopy)
-{
-    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
-    const int64_t idle = LiveAllocations();
+    // Refused writes release their copy; an empty key allocates nothing.
     const uint64_t allocs = rixtest::GetAllocStats().allocs;
     ASOrchMsgVec empty{0x10u, 0u, nullptr, 0u, nullptr, 0u, 0u, nullptr};
     EXPECT_EQ(ASOrchMsgMerge(handle_, 0u, &empty), 1u);
@@ -320,23 +307,6 @@ TEST_F(MergeFlowTest, WaterMarksThrottleChannelOrSyncGroup)
     RIX_TEST_EalRunUntilIdle(eal_, 0u);
     EXPECT_EQ(RIX_TEST_EalSyncBackPressed(eal_, static_cast<uint32_t>(grp)), 0u);
     EXPECT_EQ(g_calls.size(), 16u);
-}
-
-TEST_F(MergeFlowTest, ReaderBackPressHoldsDeliveryUntilReleased)
-{
-    EXPECT_EQ(ASOrchMergeBackPress(nullptr, 0u), 0u);
-    base_.mergeMque[1].hashFunc = nullptr;
-    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
-    EXPECT_EQ(ASOrchMergeBackPress(handle_, 1u), 1u);
-    EXPECT_EQ(ASOrchMergeUnBackPress(handle_, 7u), 1u);
-    EXPECT_EQ(ASOrchMergeBackPress(handle_, 0u), 0u);
-    Write(0u, 0x10u, 0u, 1u);
-    RIX_TEST_EalRunUntilIdle(eal_, 0u);
-    EXPECT_EQ(g_calls.size(), 0u);
-    EXPECT_EQ(ASOrchMergeUnBackPress(handle_, 0u), 0u);
-    EXPECT_EQ(ASOrchMergeUnBackPress(handle_, 0u), 1u);
-    RIX_TEST_EalRunUntilIdle(eal_, 0u);
-    EXPECT_EQ(g_calls.size(), 1u);
 }
 
 TEST_F(MergeFlowTest, StartedDataThreadDrainsWhatWasWritten)

@@ -7,37 +7,27 @@ namespace {
 
 TEST(MergeRulesTest, RuleTableCombinesOnlyItsOwnPairs)
 {
-    ASSERT_EQ(g_ASOrchMergeRulesNum, 6u);
-    const uint32_t expected[3][2] = {{0u, 1u}, {2u, 1u}, {2u, 1u}};
-    for (uint32_t oldOp = 0; oldOp < 3u; ++oldOp) {
-        for (uint32_t newOp = 0; newOp < 2u; ++newOp) {
-            uint32_t out = 99u;
-            EXPECT_EQ(ASOrchGetMergeRule(oldOp, newOp, &out), 0u);
-            EXPECT_EQ(out, expected[oldOp][newOp]) << oldOp << "," << newOp;
-        }
-    }
-    // (0,2) and (1,3) index into rows of other pairs; (3,0) runs past the table; a huge
-    // oldOpType wraps the index back to row 0.
-    const uint32_t refused[][2] = {{0u, 2u}, {1u, 3u}, {3u, 0u}, {2u, 2u}, {0x80000000u, 0u}};
-    for (const auto &pair : refused) {
+    // {old, new, result}; result 99: refused and left untouched. (0,2) and (1,3) index into
+    // rows of other pairs; (3,0) runs past the table; a huge old opType wraps back to row 0.
+    const uint32_t cases[][3] = {{0, 0, 0},  {0, 1, 1},  {1, 0, 2},  {1, 1, 1},  {2, 0, 2},          {2, 1, 1},
+                                 {0, 2, 99}, {1, 3, 99}, {3, 0, 99}, {2, 2, 99}, {0x80000000u, 0, 99}};
+    for (const auto &c : cases) {
         uint32_t out = 99u;
-        EXPECT_EQ(ASOrchGetMergeRule(pair[0], pair[1], &out), 1u) << pair[0] << "," << pair[1];
-        EXPECT_EQ(out, 99u);
+        EXPECT_EQ(ASOrchGetMergeRule(c[0], c[1], &out), c[2] == 99u ? 1u : 0u) << c[0] << "," << c[1];
+        EXPECT_EQ(out, c[2]) << c[0] << "," << c[1];
     }
 }
 
 TEST(MergeRulesTest, KeyIdentityAndPinnedBucketHash)
 {
     // Just what the hash reads: the two channels' moduli.
-    ASOrchHandle handle{};
     ASOrchMergeHandle entries[2]{};
     entries[0].hashSize = 8192u;
     entries[1].hashSize = 1000u;
+    ASOrchHandle handle{};
     handle.mergeHandle = entries;
 
-    uint8_t k1[6] = {1, 2, 3, 4, 5, 6};
-    uint8_t k2[6] = {1, 2, 3, 4, 5, 6};
-    uint8_t d1[2] = {1, 1};
+    uint8_t k1[6] = {1, 2, 3, 4, 5, 6}, k2[6] = {1, 2, 3, 4, 5, 6}, d1[2] = {1, 1};
     ASOrchMsgVec a{0x100u, 0u, k1, 6u, d1, 2u, 0u, nullptr};
     ASOrchMsgVec b{0x100u, 1u, k2, 6u, nullptr, 0u, 0u, nullptr};
     EXPECT_EQ(ASOrchPubCmpFunc(&a, &b), 1u);  // data and opType play no part
@@ -55,10 +45,9 @@ TEST(MergeRulesTest, KeyIdentityAndPinnedBucketHash)
     EXPECT_EQ(ASOrchMergeHashFunc(&handle, 0u, &a), 8110u);
     EXPECT_EQ(ASOrchPubGetKeyPtr(&a), &a);
 
-    uint8_t eight[8] = {0, 1, 2, 3, 4, 5, 6, 7};
-    uint8_t twelve[12];
+    uint8_t eight[8] = {0, 1, 2, 3, 4, 5, 6, 7}, twelve[12];
     std::memset(twelve, 0xFF, sizeof(twelve));
-    ASOrchMsgVec v{0u, 0u, nullptr, 0u, nullptr, 0u, 0u, nullptr};
+    ASOrchMsgVec v{};
     EXPECT_EQ(ASOrchMergeHashFunc(&handle, 0u, &v), 1950u);
     v = ASOrchMsgVec{7u, 1u, eight, 8u, nullptr, 0u, 3u, nullptr};
     EXPECT_EQ(ASOrchMergeHashFunc(&handle, 0u, &v), 2175u);

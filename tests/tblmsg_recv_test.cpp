@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "test_support.h"
@@ -14,16 +15,18 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 constexpr uint32_t kRec = 8;  // 4-byte key, 4-byte value
 
-Bytes Body(std::initializer_list<std::pair<uint32_t, uint32_t>> recs)
+// An 8-byte header, then the words (records are key, value pairs).
+Bytes Body(std::initializer_list<uint32_t> words)
 {
     Bytes b(8, 0xEE);
-    for (auto [k, v] : recs) {
-        const size_t o = b.size();
-        b.resize(o + kRec);
-        std::memcpy(&b[o], &k, 4);
-        std::memcpy(&b[o + 4], &v, 4);
-    }
+    for (uint32_t w : words) b.insert(b.end(), reinterpret_cast<uint8_t *>(&w), reinterpret_cast<uint8_t *>(&w) + 4);
     return b;
+}
+uint32_t U32(const void *p, size_t off = 0)
+{
+    uint32_t v = 0;
+    std::memcpy(&v, static_cast<const uint8_t *>(p) + off, 4);
+    return v;
 }
 
 struct Seen {
@@ -31,25 +34,17 @@ struct Seen {
     const void *data;
 };
 std::vector<Seen> g_seen;
-
-uint32_t MsgProc(ASOrchHandle *, ASOrchMsgVec *vec)
+uint32_t MsgProc(ASOrchHandle *, ASOrchMsgVec *v)
 {
-    uint32_t k = 0, v = 0;
-    std::memcpy(&k, vec->key, 4);
-    std::memcpy(&v, static_cast<uint8_t *>(vec->data) + 4, 4);
-    g_seen.push_back({vec->msgId, vec->opType, k, v, vec->keyLen, vec->dataLen, vec->version, vec->data});
+    g_seen.push_back({v->msgId, v->opType, U32(v->key), U32(v->data, 4), v->keyLen, v->dataLen, v->version, v->data});
     return 0;
 }
+uint32_t KeyHash(const void *key) { return U32(static_cast<const ASOrchMsgVec *>(key)->key); }
 
-struct UserCall {
-    const void *records;
-    uint32_t num;
-    ASOrchTblProcInfo info;
-};
-std::vector<UserCall> g_user;
+std::vector<std::tuple<const void *, uint32_t, ASOrchTblProcInfo>> g_user;  // records, num, info
 uint32_t UserProc(ASOrchHandle *, void *records, uint32_t num, ASOrchTblProcInfo *info)
 {
-    g_user.push_back({records, num, *info});
+    g_user.emplace_back(records, num, *info);
     return num == 2 ? 5u : 0u;
 }
 
@@ -58,19 +53,11 @@ uint32_t g_unpacks = 0, g_frees = 0;
 void Unpack(void *data, uint32_t len, ASOrchUnpackResult *res, ASOrchMsg *)
 {
     ++g_unpacks;
-    std::memcpy(&res->opType, static_cast<uint8_t *>(data) + 8, 4);
+    res->opType = U32(data, 8);
     res->ipcNum = (len - 12) / kRec;
     res->ipcBuf = static_cast<uint8_t *>(data) + 12;
 }
 void UnpackFree(ASOrchUnpackResult *) { ++g_frees; }
-
-uint32_t KeyHash(const void *key)
-{
-    const auto *vec = static_cast<const ASOrchMsgVec *>(key);
-    uint32_t k = 0;
-    std::memcpy(&k, vec->key, 4);
-    return k;
-}
 
 class RecvTest : public rixtest::PlatformTest {
 protected:
@@ -87,9 +74,7 @@ protected:
     }
     void TearDown() override
     {
-        if (handle_ != nullptr) {
-            ASOrchDestroy(handle_);
-        }
+        ASOrchDestroy(handle_);  // accepts null
         EXPECT_EQ(rixtest::LiveAllocations(), 0);
         PlatformTest::TearDown();
     }
@@ -98,8 +83,7 @@ protected:
         lists_[0] = std::move(l0);
         lists_[1] = std::move(l1);
         ASOrchBasePara base{};
-        base.recvTblMsg[0] = {lists_[0].data(), static_cast<uint32_t>(lists_[0].size())};
-        base.recvTblMsg[1] = {lists_[1].data(), static_cast<uint32_t>(lists_[1].size())};
+        for (int i = 0; i < 2; ++i) base.recvTblMsg[i] = {lists_[i].data(), uint32_t(lists_[i].size())};
         base.mergeMque[0] = {mergeMsg_, 1, 64, KeyHash, 0, 0};
         const uint32_t r = ASOrchRegTblMsg(handle_, &base);
         if (r == 0) {
@@ -114,7 +98,6 @@ protected:
         ASOrchMsg msg{guard_->data(), msgId, static_cast<uint32_t>(body.size())};
         return ASOrchMsgProc(handle_, &msg);
     }
-    uint32_t Drain() { return RIX_TEST_EalRunUntilIdle(ASOrchGetEalHdl(handle_), 0); }
 
     ASOrchHandle *handle_ = nullptr;
     int64_t base_ = 0;  // what the orchestrator itself holds
@@ -136,7 +119,6 @@ TEST_F(RecvTest, RegistryRefusesDuplicatesAndGivesEverythingBack)
     EXPECT_TRUE(rixtest::HasLine("Orch autosync recv add HashNode(5) fail")) << rixtest::DumpLines();
     EXPECT_TRUE(rixtest::HasLine("rv, Orch auto sync creat tblmsg hash Fail"));
     EXPECT_EQ(handle_->tblMsgRecvHash, nullptr);
-    RIX_TEST_LogClear();
     EXPECT_EQ(ASOrchGetTblMsgRecv(handle_, 5), nullptr);
     EXPECT_TRUE(rixtest::HasLine("hashTble is null, unknown key 5."));
     EXPECT_EQ(rixtest::LiveAllocations(), base_) << "nothing of the registry is left";
@@ -150,8 +132,8 @@ TEST_F(RecvTest, RegistryRefusesDuplicatesAndGivesEverythingBack)
     // Keys equal modulo 128 share a bucket and are all found; no mb role, no registry.
     ASSERT_EQ(Register({Plain(5, 4), Plain(133, 4)}, {Plain(261, 4)}), 0u);
     for (uint32_t k : {5u, 133u, 261u}) {
-        ASSERT_NE(ASOrchGetTblMsgRecv(handle_, k), nullptr) << k;
-        EXPECT_EQ(ASOrchGetTblMsgRecv(handle_, k)->msgId, k);
+        const auto *r = ASOrchGetTblMsgRecv(handle_, k);
+        EXPECT_EQ(r ? r->msgId : 0, k);
     }
     ASOrchFreeTblMsg(handle_);
     ASOrchFreeMergeHandle(handle_);
@@ -162,165 +144,122 @@ TEST_F(RecvTest, RegistryRefusesDuplicatesAndGivesEverythingBack)
     EXPECT_EQ(handle_->tblMsgRecvHash, nullptr);
 }
 
-TEST_F(RecvTest, PlainBodiesGoRecordByRecordInOrderOrAsOneRun)
+TEST_F(RecvTest, BodiesGoRecordByRecordInOrderOrAsOneRunWithTheirVersions)
 {
-    ASOrchTblMsgRecvReg user = Plain(20, 9);
+    ASOrchTblMsgRecvReg user = Plain(20, 9), zero = Plain(30, 4);
+    ASOrchTblMsgRecvReg serial{77, 40, 1, Unpack, UnpackFree, kRec, 4, nullptr, 0, 4}, noFree = serial;
     user.userDefProc = UserProc;
-    ASOrchTblMsgRecvReg zero = Plain(30, 4);
     zero.ipcSize = 0;
-    ASSERT_EQ(Register({Plain(10, 4, 1), user, zero}, {Plain(0x7F7F7F70u, 4), Plain(0x7F7F7F6Fu, 4)}), 0u);
+    noFree.msgId = 41;
+    noFree.unpackFreeFunc = nullptr;
+    ASSERT_EQ(Register({Plain(10, 4, 1), user, zero, serial, noFree}, {Plain(0x7F7F7F70u, 4), Plain(0x7F7F7F6Fu, 4)}),
+              0u);
+    uint32_t v1 = 0, v2 = 0;
+    ASSERT_EQ(ASOrchIncTblMsgVersion(handle_, 10, &v1), 0u);
+    ASSERT_EQ(ASOrchIncTblMsgVersion(handle_, 20, &v2), 0u);
+    ASSERT_EQ(ASOrchIncTblMsgVersion(handle_, 20, &v2), 0u);
+    EXPECT_EQ(std::pair(v1, v2), std::pair(1u, 2u));
 
-    ASSERT_EQ(Send(10, Body({{1, 100}, {2, 200}, {3, 300}})), 0u);
+    ASSERT_EQ(Send(10, Body({1, 100, 2, 200, 3, 300})), 0u);
     ASSERT_EQ(g_seen.size(), 3u);
     for (uint32_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(g_seen[i].key, i + 1);
-        EXPECT_EQ(g_seen[i].value, 100 * (i + 1));
-        EXPECT_EQ(g_seen[i].msgId, 77u);
-        EXPECT_EQ(g_seen[i].opType, 1u);
-        EXPECT_EQ(g_seen[i].keyLen, 4u);
-        EXPECT_EQ(g_seen[i].dataLen, kRec);
-        EXPECT_EQ(g_seen[i].data, guard_->data() + 8 + i * kRec) << "records are not copied";
+        const Seen &s = g_seen[i];
+        EXPECT_EQ(std::tuple(s.key, s.value, s.msgId, s.opType, s.keyLen, s.dataLen, s.version),
+                  std::tuple(i + 1, 100 * (i + 1), 77u, 1u, 4u, kRec, 1u)) << i;
+        EXPECT_EQ(s.data, guard_->data() + 8 + i * kRec) << "records are not copied";
     }
-    ASSERT_EQ(Send(0x7F7F7F6Fu, Body({{9, 9}})), 0u);
+    ASSERT_EQ(Send(0x7F7F7F6Fu, Body({9, 9})), 0u);
     EXPECT_EQ(g_seen.size(), 4u);
 
     // The user-defined path: one call per message, even without records, never the merge layer.
-    ASSERT_EQ(Send(20, Body({{1, 1}, {2, 2}})), 0u);
+    ASSERT_EQ(Send(20, Body({1, 1, 2, 2})), 0u);
     ASSERT_EQ(Send(20, Body({})), 0u);
     ASSERT_EQ(g_user.size(), 2u);
-    EXPECT_EQ(g_user[0].num, 2u);
-    EXPECT_EQ(g_user[1].num, 0u);
-    EXPECT_EQ(g_user[1].records, guard_->data() + 8);
-    EXPECT_EQ(g_user[0].info.procParam, 9u);
-    EXPECT_EQ(g_user[0].info.tlvType, 0u);
+    const auto &[rec0, num0, info] = g_user[0];
+    const auto &[rec1, num1, info1] = g_user[1];
+    EXPECT_EQ(std::tuple(num0, num1, rec1), std::tuple(2u, 0u, static_cast<const void *>(guard_->data() + 8)));
+    EXPECT_EQ(std::tuple(info.procParam, info.tlvType, info.version), std::tuple(9u, 0u, 2u));
     EXPECT_TRUE(rixtest::HasLine("ORCH_ASMsgProc fail, ret 5!"));
-    EXPECT_EQ(g_seen.size(), 4u);
+    // Serial bodies are unpacked once, opType checked, and always released.
+    ASSERT_EQ(Send(40, Body({1, 0, 0, 1, 0, 2, 0})), 0u);  // opType 1, keys 0..2
+    ASSERT_EQ(g_seen.size(), 7u);
+    EXPECT_EQ(std::pair(g_seen[4].key, g_seen[6].key), std::pair(0u, 2u));
 
-    // Refused bodies, each read only inside itself.
+    // Refused bodies, each read only inside itself, and unknown version keys.
     RIX_TEST_LogClear();
     EXPECT_EQ(Send(10, Bytes(8 + kRec + 1, 0)), 1u);
     EXPECT_EQ(Send(10, Bytes(5, 0)), 1u);
     EXPECT_EQ(Send(30, Bytes(16, 0)), 1u);
-    EXPECT_EQ(Send(99, Body({{1, 1}})), 0u);
+    EXPECT_EQ(Send(99, Body({1, 1})), 0u);
+    EXPECT_EQ(Send(40, Body({2, 0, 0})), 1u);  // an opType other than registered
+    EXPECT_EQ(Send(41, Body({1, 0, 0})), 1u);
+    EXPECT_EQ(std::pair(g_unpacks, g_frees), std::pair(2u, 2u));
+    EXPECT_EQ(ASOrchIncTblMsgVersion(handle_, 11, &v1), 1u);
+    EXPECT_EQ(ASOrchIncTransTblMsgVersion(handle_, 10, &v1), 1u);
     const std::vector<std::string> want = {
         "msgLen is not multi of ipcSize, len = 9, size = 8.", "msgLen is not multi of ipcSize, len = 5, size = 8.",
         "msgLen is not multi of ipcSize, len = 8, size = 0.", "OrchGetTblMsgCtrl from hash failed, unknown key 99.",
-        "msg proc unknown msg! msgId:99"};
+        "msg proc unknown msg! msgId:99", "ipc unpack msgId = 40 opType = 2 is error.", "unpack para is null.",
+        "OrchGetTblMsgCtrl from hash failed, unknown key 11.", "Orch set tblmsg version failed. msgId:11",
+        "hashTble is null, unknown key 10.", "Orch set tblmsg version failed. tableId:10"};
     EXPECT_EQ(rixtest::Lines(), want) << rixtest::DumpLines();
-    EXPECT_EQ(g_seen.size(), 4u);
+    EXPECT_EQ(g_seen.size(), 7u);
 }
 
-TEST_F(RecvTest, SerialBodiesAreUnpackedOnceAndAlwaysReleased)
-{
-    ASOrchTblMsgRecvReg serial{77, 40, 1, Unpack, UnpackFree, kRec, 4, nullptr, 0, 4};
-    ASOrchTblMsgRecvReg noFree = serial;
-    noFree.msgId = 41;
-    noFree.unpackFreeFunc = nullptr;
-    ASSERT_EQ(Register({serial, noFree}), 0u);
-    auto body = [](uint32_t op, uint32_t n) {
-        Bytes b = Body({});
-        b.resize(12 + n * kRec, 0);
-        std::memcpy(&b[8], &op, 4);
-        for (uint32_t i = 0; i < n; ++i) std::memcpy(&b[12 + i * kRec], &i, 4);
-        return b;
-    };
-    ASSERT_EQ(Send(40, body(1, 3)), 0u);
-    EXPECT_EQ(g_seen.size(), 3u);
-    EXPECT_EQ(g_seen[2].key, 2u);
-    EXPECT_EQ(Send(40, body(2, 3)), 1u);
-    EXPECT_TRUE(rixtest::HasLine("ipc unpack msgId = 40 opType = 2 is error."));
-    EXPECT_EQ(g_seen.size(), 3u);
-    EXPECT_EQ(g_unpacks, 2u);
-    EXPECT_EQ(g_frees, 2u);
-    EXPECT_EQ(Send(41, body(1, 1)), 1u);
-    EXPECT_TRUE(rixtest::HasLine("unpack para is null."));
-    EXPECT_EQ(g_unpacks, 2u);
-}
-
-TEST_F(RecvTest, VersionsTravelIntoVectorsAndInfos)
-{
-    ASOrchTblMsgRecvReg user = Plain(20, 9);
-    user.userDefProc = UserProc;
-    ASSERT_EQ(Register({Plain(10, 4), user}), 0u);
-    uint32_t v = 0;
-    ASSERT_EQ(ASOrchIncTblMsgVersion(handle_, 10, &v), 0u);
-    EXPECT_EQ(v, 1u);
-    ASSERT_EQ(ASOrchIncTblMsgVersion(handle_, 20, &v), 0u);
-    ASSERT_EQ(ASOrchIncTblMsgVersion(handle_, 20, &v), 0u);
-    EXPECT_EQ(v, 2u);
-    ASSERT_EQ(Send(10, Body({{1, 1}})), 0u);
-    ASSERT_EQ(Send(20, Body({{1, 1}})), 0u);
-    ASSERT_EQ(g_seen.size(), 1u);
-    EXPECT_EQ(g_seen[0].version, 1u);
-    ASSERT_EQ(g_user.size(), 1u);
-    EXPECT_EQ(g_user[0].info.version, 2u);
-    EXPECT_EQ(ASOrchIncTblMsgVersion(handle_, 11, &v), 1u);
-    EXPECT_TRUE(rixtest::HasLine("Orch set tblmsg version failed. msgId:11"));
-    EXPECT_EQ(ASOrchIncTransTblMsgVersion(handle_, 10, &v), 1u);
-    EXPECT_TRUE(rixtest::HasLine("hashTble is null, unknown key 10."));
-    EXPECT_TRUE(rixtest::HasLine("Orch set tblmsg version failed. tableId:10"));
-}
-
-TEST_F(RecvTest, SendersUseTheirChannelAndLoopback)
+TEST_F(RecvTest, SendersUseTheirChannelAndLoopbackAndNullArgumentsAreRefused)
 {
     uint8_t buf[6] = {1, 2, 3, 4, 5, 6};
     void *eal = ASOrchGetEalHdl(handle_);
     EXPECT_EQ(ASOrchFesChanMsgVec(handle_, buf, sizeof(buf)), 0u);
     EXPECT_EQ(ASOrchDamChanMsgVec(handle_, buf, 4), 0u);
-    uint32_t len = 0, addr = 0;
+    uint32_t len = 0, addr = 0;  // FES goes on channel 1 to loopback, DAM on channel 0
     ASSERT_NE(RIX_TEST_ChanLastSent(eal, 1, &len, &addr), nullptr);
-    EXPECT_EQ(len, 6u);
-    EXPECT_EQ(addr, htonl(0x7F000001u));
-    EXPECT_EQ(RIX_TEST_ChanSendCount(eal, 0), 1u);
-    EXPECT_EQ(RIX_TEST_ChanSendCount(eal, 1), 1u);
+    EXPECT_EQ(std::tuple(len, addr, RIX_TEST_ChanSendCount(eal, 0), RIX_TEST_ChanSendCount(eal, 1)),
+              std::tuple(6u, htonl(0x7F000001u), 1u, 1u));
+    RIX_TEST_LogClear();
     RIX_TEST_FailNth("RIX_EAL_GetChannelHdl", 1);
     EXPECT_EQ(ASOrchDamChanMsgVec(handle_, buf, 4), 1u);
-    EXPECT_TRUE(rixtest::HasLine("rv, send chan 0 msg failed, no channel. len = 4.")) << rixtest::DumpLines();
     EXPECT_EQ(ASOrchMsgProc(nullptr, nullptr), 1u);
     ASOrchMsg empty{nullptr, 1, 0};
     EXPECT_EQ(ASOrchMsgProc(handle_, &empty), 1u);
-    EXPECT_TRUE(rixtest::HasLine("recv feibrk channel msg handle is null."));
-    EXPECT_TRUE(rixtest::HasLine("recv feibrk channel msg is null."));
     EXPECT_EQ(ASOrchMsgInfoProc(handle_, nullptr), 1u);
     EXPECT_EQ(ASOrchSmoothMsgProc(handle_, nullptr, 16, nullptr, nullptr), -1);
-    EXPECT_TRUE(rixtest::HasLine("ASOrchMsgInfoProc, null argument."));
-    EXPECT_TRUE(rixtest::HasLine("ASOrchSmoothMsgProc, null argument."));
+    const std::vector<std::string> want = {
+        "rv, send chan 0 msg failed, no channel. len = 4.", "recv feibrk channel msg handle is null.",
+        "recv feibrk channel msg is null.", "ASOrchMsgInfoProc, null argument.", "ASOrchSmoothMsgProc, null argument."};
+    EXPECT_EQ(rixtest::Lines(), want) << rixtest::DumpLines();
 }
 
 TEST_F(RecvTest, BurstsCoalescePerKeyAndDrainOldestFirst32PerWakeUp)
 {
     // mergeType 0: DAM queue, an update keeps its place.
     ASSERT_EQ(Register({Plain(10, 0, 0), Plain(11, 0, 1)}), 0u);
+    using Kov = std::vector<std::tuple<uint32_t, uint32_t, uint32_t>>;  // key, opType, value
+    auto drain = [this] {
+        RIX_TEST_EalRunUntilIdle(ASOrchGetEalHdl(handle_), 0);
+        Kov got;
+        for (const Seen &s : g_seen) got.emplace_back(s.key, s.opType, s.value);
+        return g_seen.clear(), got;
+    };
     for (int round = 0; round < 2; ++round) {
-        g_seen.clear();
-        ASSERT_EQ(Send(11, Body({{2, 1}})), 0u);
-        ASSERT_EQ(Send(10, Body({{1, 2}, {2, 3}, {3, 4}})), 0u);
-        ASSERT_EQ(Send(11, Body({{1, 5}})), 0u);
+        ASSERT_EQ(Send(11, Body({2, 1})), 0u);
+        ASSERT_EQ(Send(10, Body({1, 2, 2, 3, 3, 4})), 0u);
+        ASSERT_EQ(Send(11, Body({1, 5})), 0u);
         EXPECT_TRUE(g_seen.empty()) << "nothing reaches msgProc before the DATA thread runs";
-        Drain();
-        ASSERT_EQ(g_seen.size(), 3u) << rixtest::DumpLines();
-        // key 2: update then add -> 2; key 1: add then update -> 1; key 3: add -> 0.
-        const uint32_t keys[] = {2, 1, 3}, ops[] = {2, 1, 0}, vals[] = {3, 5, 4};
-        for (size_t i = 0; i < 3; ++i) {
-            EXPECT_EQ(g_seen[i].key, keys[i]) << round << "/" << i;
-            EXPECT_EQ(g_seen[i].opType, ops[i]) << round << "/" << i;
-            EXPECT_EQ(g_seen[i].value, vals[i]) << round << "/" << i;
-        }
+        // Key 2: update then add -> 2; key 1: add then update -> 1; key 3: add -> 0.
+        EXPECT_EQ(drain(), (Kov{{2, 2, 3}, {1, 1, 5}, {3, 0, 4}})) << round << rixtest::DumpLines();
     }
-    g_seen.clear();
     RIX_TEST_LogClear();
+    Kov want;
     for (uint32_t k = 0; k < 40; ++k) {
-        ASSERT_EQ(Send(10, Body({{k + 100, k}})), 0u);
+        ASSERT_EQ(Send(10, Body({k + 100, k})), 0u);
+        want.emplace_back(k + 100, 0, k);
     }
-    Drain();
-    ASSERT_EQ(g_seen.size(), 40u);
-    for (uint32_t k = 0; k < 40; ++k) {
-        EXPECT_EQ(g_seen[k].key, k + 100);
-    }
+    EXPECT_EQ(drain(), want);
     EXPECT_TRUE(rixtest::HasLine("read DAM merge msg count 32 finished.")) << rixtest::DumpLines();
     EXPECT_TRUE(rixtest::HasLine("read DAM merge msg count 8 finished."));
     // Pending copies are released with the orchestrator as well.
-    ASSERT_EQ(Send(10, Body({{1, 1}, {2, 2}})), 0u);
+    ASSERT_EQ(Send(10, Body({1, 1, 2, 2})), 0u);
     ASOrchDestroy(handle_);
     handle_ = nullptr;
 }
