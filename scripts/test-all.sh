@@ -8,7 +8,7 @@
 #   RIX_SKIP          stages to skip, e.g. "tsan bench"
 #   RIX_VALGRIND_EXCLUDE  ctest -E regex of tests left out under valgrind (default: stress tests,
 #                     and runs that start valgrind or cmake themselves)
-#   RIX_FUZZ_SECONDS  length of the fuzzing run after the corpus replay (default 60)
+#   RIX_FUZZ_SECONDS  length of the fuzzing run after the corpus replay (default 120)
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -103,7 +103,7 @@ bench_build() {
 
 fuzz() {
     if [[ -f fuzz/run.sh ]]; then
-        FUZZ_BUILD_DIR=$PWD/build/${RIX_BUILD_PREFIX}fuzz bash fuzz/run.sh "${RIX_FUZZ_SECONDS:-60}"
+        FUZZ_BUILD_DIR=$PWD/build/${RIX_BUILD_PREFIX}fuzz bash fuzz/run.sh "${RIX_FUZZ_SECONDS:-120}"
     else
         echo "no fuzz/run.sh"
     fi
