@@ -12,27 +12,7 @@ using rixtest::Lines;
 using Strings = std::vector<std::string>;
 using Rets = std::vector<uint32_t>;
 
-class ChannelTest : public rixtest::PlatformTest {
-protected:
-    void SetUp() override
-    {
-        PlatformTest::SetUp();
-        h_ = ASOrchCreate("DEMO", &para_);
-        ASSERT_NE(nullptr, h_);
-        eal_ = h_->ealHdl;
-        RIX_TEST_LogClear();
-    }
-    void TearDown() override
-    {
-        ASOrchDestroy(h_);
-        EXPECT_EQ(0, rixtest::LiveAllocations());
-        PlatformTest::TearDown();
-    }
-    ASOrchCreatePara para_ = rixtest::CountingCreatePara();
-    ASOrchHandle *h_ = nullptr;
-    void *eal_ = nullptr;
-    ASOrchBasePara base_{};
-};
+using ChannelTest = rixtest::OrchTest;
 
 TEST_F(ChannelTest, ThreadsAreNamedAndPackedInIdOrder)
 {

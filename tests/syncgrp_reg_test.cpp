@@ -14,27 +14,13 @@ using Rets = std::vector<uint32_t>;
 
 void Notify() {}
 
-class SyncGrpTest : public rixtest::PlatformTest {
+class SyncGrpTest : public rixtest::OrchTest {
 protected:
     void SetUp() override
     {
-        PlatformTest::SetUp();
-        h_ = ASOrchCreate("DEMO", &para_);
-        ASSERT_NE(nullptr, h_);
-        eal_ = h_->ealHdl;
+        OrchTest::SetUp();
         base_.threadMask = 7u;
-        RIX_TEST_LogClear();
     }
-    void TearDown() override
-    {
-        ASOrchDestroy(h_);
-        EXPECT_EQ(0, rixtest::LiveAllocations()) << rixtest::DumpLines();
-        PlatformTest::TearDown();
-    }
-    ASOrchCreatePara para_ = rixtest::CountingCreatePara();
-    ASOrchHandle *h_ = nullptr;
-    void *eal_ = nullptr;
-    ASOrchBasePara base_{};
 };
 
 TEST_F(SyncGrpTest, SelectedGroupsAreRenumberedRegisteredAndAddressed)

@@ -159,6 +159,22 @@ void PlatformTest::TearDown()
     RIX_TEST_Reset();
 }
 
+void OrchTest::SetUp()
+{
+    PlatformTest::SetUp();
+    h_ = ASOrchCreate("DEMO", &para_);
+    ASSERT_NE(nullptr, h_);
+    eal_ = h_->ealHdl;
+    RIX_TEST_LogClear();
+}
+
+void OrchTest::TearDown()
+{
+    ASOrchDestroy(h_);
+    EXPECT_EQ(0, LiveAllocations()) << DumpLines();
+    PlatformTest::TearDown();
+}
+
 GuardedBuffer::GuardedBuffer(size_t size) : size_(size)
 {
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));

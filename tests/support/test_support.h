@@ -47,6 +47,18 @@ protected:
     void TearDown() override;
 };
 
+// A fresh orchestrator "DEMO" on the counting allocator, log cleared; teardown destroys it
+// and requires every allocation back.
+class OrchTest : public PlatformTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    ASOrchCreatePara para_ = CountingCreatePara();
+    ASOrchHandle *h_ = nullptr;
+    void *eal_ = nullptr;
+    ASOrchBasePara base_{};
+};
+
 // A buffer whose end touches an inaccessible page: reading one byte past it faults
 // (and ASan reports), so a test proves a parser stays inside a body.
 class GuardedBuffer {
