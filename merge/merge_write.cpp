@@ -121,28 +121,33 @@ ASORCH_API MergeQueCb *ASOrchGetReaderHdl(ASOrchHandle *handle, uint32_t chan)
     return handle->mergeHandle[chan].mqueHandle;
 }
 
-ASORCH_API uint32_t ASOrchMergeBackPress(ASOrchHandle *handle, uint32_t chan)
+}  // extern "C"
+
+namespace {
+
+// A null handle is nothing to do; a channel without a queue is an error.
+template <typename Op>
+uint32_t OnReader(ASOrchHandle *handle, uint32_t chan, Op op)
 {
     if (handle == nullptr) {
         return ASORCH_OK;
     }
     MergeQueCb *queue = ASOrchGetReaderHdl(handle, chan);
-    if (queue == nullptr) {
-        return ASORCH_ERR;
-    }
-    return RIX_MergeQueBackPress(queue, 0u);
+    return queue == nullptr ? ASORCH_ERR : op(queue);
+}
+
+}  // namespace
+
+extern "C" {
+
+ASORCH_API uint32_t ASOrchMergeBackPress(ASOrchHandle *handle, uint32_t chan)
+{
+    return OnReader(handle, chan, [](MergeQueCb *q) { return RIX_MergeQueBackPress(q, 0u); });
 }
 
 ASORCH_API uint32_t ASOrchMergeUnBackPress(ASOrchHandle *handle, uint32_t chan)
 {
-    if (handle == nullptr) {
-        return ASORCH_OK;
-    }
-    MergeQueCb *queue = ASOrchGetReaderHdl(handle, chan);
-    if (queue == nullptr) {
-        return ASORCH_ERR;
-    }
-    return RIX_MergeQueUnBackPress(queue, nullptr);
+    return OnReader(handle, chan, [](MergeQueCb *q) { return RIX_MergeQueUnBackPress(q, nullptr); });
 }
 
 }

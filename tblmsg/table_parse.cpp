@@ -15,21 +15,31 @@ ASOrchTblProcInfo InfoOf(const ASOrchTblMsgTransCtrl *ctrl, const TlvHeader &hdr
     return ASOrchTblProcInfo{ctrl->version, ctrl->procParam, hdr.tlvType};
 }
 
+// A table needs its control record and a processing function; the composite tables report
+// a missing one with the FES text.
+bool HasProc(ASOrchHandle *handle, const ASOrchTblMsgTransCtrl *ctrl, const TlvHeader &hdr, bool fesText)
+{
+    if (ctrl == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "[error]%s, trans table msg proc is NULL, tbl:%u.", handle->name,
+                            hdr.tableId);
+        return false;
+    }
+    if (ctrl->tblMsgProc == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR,
+                            fesText ? "[error]%s, trans fes tblMsgProc is NULL, tbl:%u."
+                                    : "[error]%s, trans dam tblMsgProc is NULL, tbl:%u.",
+                            handle->name, hdr.tableId);
+        return false;
+    }
+    return true;
+}
+
 template <Layout L>
 void PlainParsePack(ASOrchHandle *handle, const ASOrchTransTlv *tlv, const ASOrchTblMsgTransCtrl *ctrl)
 {
     constexpr bool fes = (L == Layout::Fes);
     const TlvHeader hdr = LoadTlv(tlv);
-    if (ctrl == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "[error]%s, trans table msg proc is NULL, tbl:%u.", handle->name,
-                            hdr.tableId);
-        return;
-    }
-    if (ctrl->tblMsgProc == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR,
-                            fes ? "[error]%s, trans fes tblMsgProc is NULL, tbl:%u."
-                                : "[error]%s, trans dam tblMsgProc is NULL, tbl:%u.",
-                            handle->name, hdr.tableId);
+    if (!HasProc(handle, ctrl, hdr, fes)) {
         return;
     }
     if (fes && hdr.tlvLen < kFesHdrLen) {
@@ -131,14 +141,7 @@ void ASOrchTransCompTblParsePack(ASOrchHandle *handle, const ASOrchTransTlv *tlv
         return;
     }
     const TlvHeader hdr = LoadTlv(tlv);
-    if (ctrl == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "[error]%s, trans table msg proc is NULL, tbl:%u.", handle->name,
-                            hdr.tableId);
-        return;
-    }
-    if (ctrl->tblMsgProc == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "[error]%s, trans fes tblMsgProc is NULL, tbl:%u.", handle->name,
-                            hdr.tableId);
+    if (!HasProc(handle, ctrl, hdr, true)) {
         return;
     }
     ASOrchTblProcInfo info = InfoOf(ctrl, hdr);
