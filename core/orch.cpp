@@ -2,6 +2,8 @@
 // advanced sync-group settings, and destruction.
 #include "core/eal_records.h"
 #include "core/orch_internal.h"
+#include "core/walk_guard.h"
+#include "merge/merge_internal.h"
 #include "rix_as_names.h"
 #include "rix_platform.h"
 
@@ -10,6 +12,28 @@ namespace {
 constexpr uint32_t kOndemandUnset = 0xFFFFFFFFu;
 
 }  // namespace
+
+namespace asorch {
+
+void DestroyNow(ASOrchHandle *handle)
+{
+    RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, Orch auto sync free begin.", handle->name);
+    // Bring the DATA thread's drains to rest before anything they use is released.
+    asmerge::Quiesce(handle);
+    ASOrchFreeGrpRes(handle);
+    ASOrchFreeTblMsg(handle);
+    ASOrchFreeMergeHandle(handle);
+    AutoSyncDelModule(handle->name, handle->memFree);
+    if (handle->ealHdl != nullptr) {
+        RIX_EAL_Destroy(handle->ealHdl);
+        handle->ealHdl = nullptr;
+    }
+    ASOrchMemFreeFunc memFree = handle->memFree;
+    memFree(handle);
+    RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "Orch auto sync free ok.");
+}
+
+}  // namespace asorch
 
 extern "C" {
 
@@ -133,18 +157,13 @@ ASORCH_API void ASOrchDestroy(ASOrchHandle *handle)
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "Destroy Orch autosync Fail, handle or free func is NULL");
         return;
     }
-    RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, Orch auto sync free begin.", handle->name);
-    ASOrchFreeGrpRes(handle);
-    ASOrchFreeTblMsg(handle);
-    ASOrchFreeMergeHandle(handle);
-    AutoSyncDelModule(handle->name, handle->memFree);
-    if (handle->ealHdl != nullptr) {
-        RIX_EAL_Destroy(handle->ealHdl);
-        handle->ealHdl = nullptr;
+    // Called back from one of our own walks: waiting for it here would wait for ourselves.
+    if (asorch::DeferDestroy(handle)) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, Orch auto sync free deferred until the running callback returns.",
+                            handle->name);
+        return;
     }
-    ASOrchMemFreeFunc memFree = handle->memFree;
-    memFree(handle);
-    RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "Orch auto sync free ok.");
+    asorch::DestroyNow(handle);
 }
 
 ASORCH_API uint32_t ASOrchInit(ASOrchHandle *handle)

@@ -2,11 +2,16 @@
 #include "merge/merge_internal.h"
 
 #include "core/int_hash.h"
+#include "core/walk_guard.h"
 
 namespace {
 
 uint32_t ReadAdapter(void *data, uint32_t dataSize, void *usrData)
 {
+    // Once the module asked for destroy from this drain, the rest of the batch is only released.
+    if (__builtin_expect(asorch::t_walk->destroyDeferred, false)) {
+        return asmerge::ReleaseCopy(data, dataSize);
+    }
     return ASOrchReadMergeMsgCallBack(static_cast<ASOrchMsgVec *>(data), dataSize,
                                       static_cast<const uint32_t *>(usrData));
 }
@@ -14,10 +19,16 @@ uint32_t ReadAdapter(void *data, uint32_t dataSize, void *usrData)
 uint32_t Drain(MergeQueCb *queue, uint32_t chan)
 {
     uint32_t word = chan;
+    // The monitor's parameter is the owning orchestrator (set when the queue was registered).
+    asorch::WalkScope walk(static_cast<ASOrchHandle *>(queue->notifyPara));
     return RIX_MergeQueReadCallBack(queue, ASORCH_MERGE_READ_BATCH, ReadAdapter, &word);
 }
 
-uint32_t DiscardOne(void *data, uint32_t dataSize, void *)
+}  // namespace
+
+namespace asmerge {
+
+uint32_t ReleaseCopy(void *data, uint32_t dataSize)
 {
     if (data == nullptr || dataSize < sizeof(ASOrchMsgVec)) {
         return ASORCH_ERR;
@@ -29,19 +40,6 @@ uint32_t DiscardOne(void *data, uint32_t dataSize, void *)
         vec->key = nullptr;
     }
     return ASORCH_OK;
-}
-
-}  // namespace
-
-namespace asmerge {
-
-void DiscardPending(MergeQueCb *queue)
-{
-    // The bare read core neither re-notifies nor reports low water to an owner that is going away.
-    const uint32_t pending = queue->reader.itemCnt;
-    if (pending != 0u) {
-        (void)RIX_MergeQueReadToCallBack(queue, pending, DiscardOne, nullptr);
-    }
 }
 
 }  // namespace asmerge

@@ -2,6 +2,8 @@
 #include "merge/merge_internal.h"
 
 #include "core/int_hash.h"
+#include "merge/merge_block.h"
+#include "mergeque/mque_internal.h"
 #include "rix_platform.h"
 
 namespace {
@@ -19,9 +21,14 @@ const void *GetKeyAdapter(const void *stored)
     return ASOrchPubGetKeyPtr(const_cast<void *>(stored));
 }
 
+// The pending copy's block is parked with the writer instead of released here: should the
+// queue fail to take the arriving vector, the pending entry must still own it.
 void MergeAdapter(void *newData, void *storedData)
 {
-    ASOrchPubMergeNotify(static_cast<ASOrchMsgVec *>(newData), static_cast<ASOrchMsgVec *>(storedData));
+    auto *arriving = static_cast<asmerge::WriteVec *>(newData);
+    auto *pending = static_cast<ASOrchMsgVec *>(storedData);
+    ASOrchPubMergeRule(pending, &arriving->vec);
+    arriving->retired = pending->key;
 }
 
 uint32_t HashSizeOf(const ASOrchMergeReg *reg)
@@ -51,6 +58,22 @@ void ReleaseMergeMsgHash(ASOrchHandle *handle, ASIntHash *hash)
     handle->memFree(hash);
 }
 
+void Quiesce(ASOrchHandle *handle)
+{
+    ASOrchMergeHandle *block = handle->mergeHandle;
+    if (block == nullptr) {
+        return;
+    }
+    for (uint32_t chan = 0; chan < ASORCH_MERGE_CHAN_NUM; ++chan) {
+        MergeQueCb *queue = block[chan].mqueHandle;
+        if (queue != nullptr) {
+            RIX_MergeQueEpollUnReg(queue);
+            // Water marks would reach the sync groups, which are released first.
+            queue->flowCtrlNotify = nullptr;
+        }
+    }
+}
+
 }  // namespace asmerge
 
 extern "C" {
@@ -69,13 +92,13 @@ ASORCH_API ASOrchMergeHandle *ASOrchAllocMergeHandle(ASOrchHandle *handle)
         return nullptr;
     }
     if (handle->mergeHandle == nullptr) {
-        constexpr uint32_t size = static_cast<uint32_t>(sizeof(ASOrchMergeHandle) * ASORCH_MERGE_CHAN_NUM);
-        auto *block = static_cast<ASOrchMergeHandle *>(handle->memAlloc(size));
+        constexpr uint32_t size = static_cast<uint32_t>(sizeof(asmerge::MergeBlock));
+        auto *block = static_cast<asmerge::MergeBlock *>(handle->memAlloc(size));
         if (block != nullptr && memset_s(block, size, 0, size) != 0) {
             handle->memFree(block);
             block = nullptr;
         }
-        handle->mergeHandle = block;
+        handle->mergeHandle = block != nullptr ? block->entry : nullptr;
     }
     return handle->mergeHandle;
 }
@@ -150,6 +173,7 @@ ASORCH_API ASOrchMergeHandle *ASOrchCreatMergeHandle(ASOrchHandle *handle, const
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, %u init auto sync merge handle failed.", handle->name, chan);
         return nullptr;
     }
+    asmerge::BlockOf(block)->bucket[chan] = asmerge::BucketDivisor(block[chan].hashSize);
     RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, %u Orch auto sync create merge handle ok.", handle->name, chan);
     return block;
 }
@@ -266,7 +290,7 @@ ASORCH_API void ASOrchFreeMergeMsg(ASOrchHandle *handle, ASOrchMergeHandle *bloc
     // Readers leave their epoll sets before anything they dispatch through is released: a
     // drain running on the DATA thread finishes first, and none starts afterwards.
     for (uint32_t chan = 0; chan < ASORCH_MERGE_CHAN_NUM; ++chan) {
-        if (block[chan].mqueHandle != nullptr) {
+        if (block[chan].mqueHandle != nullptr && block[chan].mqueHandle->reader.epollReg != 0u) {
             RIX_MergeQueEpollUnReg(block[chan].mqueHandle);
         }
     }
@@ -277,8 +301,9 @@ ASORCH_API void ASOrchFreeMergeMsg(ASOrchHandle *handle, ASOrchMergeHandle *bloc
             entry.mergeMsgHash = nullptr;
         }
         if (entry.mqueHandle != nullptr) {
-            // Destroying the queue drops its entries without their blocks.
-            asmerge::DiscardPending(entry.mqueHandle);
+            // The queue drops its entries without the copies they refer to; those go back in
+            // place, so that the queue still reports what it held.
+            rix::mque::ForEachPending(entry.mqueHandle, asmerge::ReleaseCopy);
             RIX_MergeQueDestory(entry.mqueHandle);
             entry.mqueHandle = nullptr;
         }

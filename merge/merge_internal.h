@@ -13,11 +13,24 @@ ASOrchMergeMsgNode *ASOrchGetMergeMsg(const ASIntHash *hash, const ASOrchMsgVec 
 
 namespace asmerge {
 
+// What the write path hands to its queue as key and data. The queue copies only the vector;
+// the merge callback parks the pending copy's block here, and the writer releases it once the
+// queue has taken the arriving vector, so a merge that fails leaves the pending entry whole.
+struct WriteVec {
+    ASOrchMsgVec vec;
+    void *retired;
+};
+static_assert(offsetof(WriteVec, vec) == 0, "the queue reads the vector at the pointer it is given");
+
 // Returns the nodes and the bucket block of a merge-message hash to the module's allocator.
 void ReleaseMergeMsgHash(ASOrchHandle *handle, ASIntHash *hash);
 
-// Takes every pending vector out of a queue and releases its block without processing it.
-void DiscardPending(MergeQueCb *queue);
+// Releases the private copy that a queued vector refers to (data is the vector).
+uint32_t ReleaseCopy(void *data, uint32_t dataSize);
+
+// Takes both readers out of the DATA thread's epoll set, waiting for a drain already running,
+// and silences the water-mark monitors: nothing of the queues runs on other threads afterwards.
+void Quiesce(ASOrchHandle *handle);
 
 }  // namespace asmerge
 

@@ -1,6 +1,8 @@
 // Write path: private copies into the DAM or FES merge queue, or processing at once.
 #include "merge/merge_internal.h"
 
+#include <cstring>
+
 #include "rix_platform.h"
 
 namespace {
@@ -31,14 +33,13 @@ ASORCH_API uint32_t ASOrchMsgVecCopyAlloc(ASOrchHandle *handle, const ASOrchMsgV
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. malloc fail", handle->name);
         return ASORCH_ERR;
     }
-    if (memcpy_s(block, static_cast<size_t>(size), vec->key, vec->keyLen) != 0 ||
-        (withData && memcpy_s(block + vec->keyLen, vec->dataLen, vec->data, vec->dataLen) != 0)) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. copy fail", handle->name);
-        handle->memFree(block);
-        return ASORCH_ERR;
+    // Lengths are the block's own: a plain copy cannot overrun it.
+    if (vec->keyLen != 0u) {
+        std::memcpy(block, vec->key, vec->keyLen);
     }
     copy->key = block;
     if (withData) {
+        std::memcpy(block + vec->keyLen, vec->data, vec->dataLen);
         copy->data = block + vec->keyLen;
     }
     copy->usrData = handle;
@@ -56,16 +57,20 @@ ASORCH_API uint32_t ASOrchWriteMsgMerge(ASOrchHandle *handle, MergeQueCb *queue,
                             vec->keyLen);
         return ASORCH_ERR;
     }
-    ASOrchMsgVec copy = *vec;
-    copy.usrData = nullptr;
-    if (ASOrchMsgVecCopyAlloc(handle, vec, &copy) != ASORCH_OK) {
+    asmerge::WriteVec copy{*vec, nullptr};
+    copy.vec.usrData = nullptr;
+    if (ASOrchMsgVecCopyAlloc(handle, vec, &copy.vec) != ASORCH_OK) {
         return ASORCH_ERR;
     }
     // The queue keeps its own copy of the vector; the block is what it owns from now on.
     if (RIX_MergeQueWrite(queue, &copy, &copy, moveTail) != ASORCH_OK) {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. write mqueue fail", handle->name);
-        handle->memFree(copy.key);
+        handle->memFree(copy.vec.key);
         return ASORCH_ERR;
+    }
+    // A merge replaced the pending vector: its block goes now that nothing refers to it.
+    if (copy.retired != nullptr) {
+        handle->memFree(copy.retired);
     }
     return ASORCH_OK;
 }

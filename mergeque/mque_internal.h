@@ -124,6 +124,16 @@ inline void MonitorRemove(MergeQueCb *q)
     (void)q->flowCtrlNotify(MERGEQUE_EVT_UNDER_LOW_WATER, q->notifyPara);
 }
 
+// Calls f(data, dataSize) for every pending entry, oldest first, leaving the queue as it is.
+template <typename F>
+inline void ForEachPending(MergeQueCb *q, F f)
+{
+    MergeQueLink *head = &q->reader.msgList;
+    for (MergeQueLink *link = head->next; link != head; link = link->next) {
+        (void)f(EntryOf(link)->data, q->para.dataSize);
+    }
+}
+
 // Removes the queue's own node only: a loser of a same-name race must not unlink the winner.
 void NameTreeDeleteNode(MergeQueCb *q);
 

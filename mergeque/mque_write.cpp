@@ -58,20 +58,25 @@ inline uint32_t NewWrite(MergeQueCb *q, const void *key, const void *data)
     return ASORCH_OK;
 }
 
-// The merge function may change the writer's data, which the writer owns.
-inline void MergeWrite(MergeQueCb *q, const void *data, MergeQueHashData *d, int32_t moveTail)
+// The merge function may change the writer's data, which the writer owns. A copy that fails
+// leaves the pending data as it was: the write reports it, and a merge function that releases
+// what the pending entry refers to must wait for the write's success (the orchestrator's does).
+inline uint32_t MergeWrite(MergeQueCb *q, const void *data, MergeQueHashData *d, int32_t moveTail)
 {
     if (q->para.mergeFunc != nullptr) {
         q->para.mergeFunc(const_cast<void *>(data), d->data);
     }
     const uint32_t size = q->para.dataSize;
-    if (size != 0u) {
-        (void)memcpy_s(d->data, size, data, size);
+    if (size != 0u && memcpy_s(d->data, size, data, size) != 0) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s failed to copy merged data", q->name);
+        CountReader(q, MERGEQUE_RSTAT_FAIL_WRITE);
+        return ASORCH_ERR;
     }
     if (moveTail == 1) {
         MoveTail(q, d);
     }
     CountReader(q, MERGEQUE_RSTAT_SUCC_MERGE);
+    return ASORCH_OK;
 }
 
 }  // namespace
@@ -82,8 +87,7 @@ ASORCH_API uint32_t RIX_MergeQueWrite(MergeQueCb *q, const void *key, const void
 {
     const LITE_HASH_Node *node = LITE_HASH_FindNodeFromFirst(q->hash, key, data);
     if (node != nullptr && node->data != nullptr) {
-        MergeWrite(q, data, static_cast<MergeQueHashData *>(node->data), moveTail);
-        return ASORCH_OK;
+        return MergeWrite(q, data, static_cast<MergeQueHashData *>(node->data), moveTail);
     }
     return NewWrite(q, key, data);
 }
@@ -95,7 +99,7 @@ ASORCH_API uint32_t RIX_MergeQueNewWrite(MergeQueCb *q, const void *key, const v
 
 ASORCH_API void RIX_MergeQueMergeWrite(MergeQueCb *q, const void *data, MergeQueHashData *d, int32_t moveTail)
 {
-    MergeWrite(q, data, d, moveTail);
+    (void)MergeWrite(q, data, d, moveTail);
 }
 
 ASORCH_API MergeQueHashData *RIX_MergeQueNewHashData(MergeQueCb *q, const void *key, const void *data)

@@ -3,6 +3,8 @@
 
 #include "tblmsg/tblmsg_internal.h"
 
+#include "core/walk_guard.h"
+
 #include "rix_as_smooth.h"
 #include "rix_eal.h"
 
@@ -36,6 +38,7 @@ uint32_t ASOrchMsgProc(ASOrchHandle *handle, ASOrchMsg *msg)
         }
         return ASORCH_ERR;
     }
+    asorch::WalkScope walk(handle);
     if ((msg->msgId & kTransIdMask) == ASORCH_TRANS_MSGID_BASE) {
         return ASOrchMsgTransProc(handle, msg);
     }
@@ -80,7 +83,7 @@ uint32_t ASOrchMsgTransProc(ASOrchHandle *handle, ASOrchMsg *msg)
     uint32_t offset = 0;
     uint32_t index = 0;
     // The checks keep every TLV, header and value, inside the area, so offset cannot wrap.
-    while (area > offset) {
+    while (area > offset && !asorch::Closing(handle)) {
         if (area - offset < ASORCH_TLV_HDR_LEN) {
             RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR,
                                 "%s, feibrk trans msg %u tlv %u header exceeds area. offset = %u, tlvArea = %u.",

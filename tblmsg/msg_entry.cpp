@@ -2,6 +2,8 @@
 // module's own function or one by one to the merge layer.
 #include "tblmsg/tblmsg_internal.h"
 
+#include "core/walk_guard.h"
+
 namespace {
 
 // A record's key lies inside the record, or the merge layer would copy bytes past the body.
@@ -113,7 +115,8 @@ void ORCH_AutoSyncProcIpcBuf(ASOrchIpcBuf *ipcBuf, ASOrchHandle *handle, ASOrchI
         return;
     }
     auto *record = static_cast<uint8_t *>(ipcBuf->ipcBuf);
-    for (uint32_t i = 0; i < ipcBuf->ipcNum; ++i) {
+    // A destroy asked for by the module's callback ends the walk.
+    for (uint32_t i = 0; i < ipcBuf->ipcNum && !asorch::Closing(handle); ++i) {
         (void)fn(record, handle, arg);
         record += ipcBuf->ipcSize;
     }

@@ -270,6 +270,32 @@ TEST_F(MergeFlowTest, ImmediateFailedHeldAndRefusedMessagesReleaseEverything)
     // Left pending: destruction releases both blocks (checked in TearDown).
 }
 
+// The queue's copy of a merged vector fails: the write says so, the pending record is
+// delivered as it was, and every block goes back once.
+TEST_F(MergeFlowTest, AMergeWhoseCopyFailsKeepsThePendingRecordWhole)
+{
+    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    const int64_t idle = LiveAllocations();
+    ASSERT_EQ(Write(0u, 0x10u, 0u, 7u, "old"), 0u);
+    ASSERT_EQ(Write(0u, 0x10u, 0u, 8u, "x"), 0u);
+    // The queue's own copy is the last bounded copy of a merge.
+    const uint32_t before = RIX_TEST_CallCount("memcpy_s");
+    ASSERT_EQ(Write(0u, 0x10u, 0u, 8u, "y"), 0u);
+    const uint32_t perMerge = RIX_TEST_CallCount("memcpy_s") - before;
+    ASSERT_GE(perMerge, 1u);
+    RIX_TEST_FailNth("memcpy_s", perMerge);
+    EXPECT_EQ(Write(0u, 0x10u, 1u, 7u, "new"), 1u);
+    ExpectLines({"mflow_DAM failed to copy merged data", "mflow, Orch auto sync merge msg failed. write mqueue fail"});
+    EXPECT_EQ(LiveAllocations(), idle + 2);
+    RIX_TEST_EalRunUntilIdle(eal_, 0u);
+    ASSERT_EQ(g_calls.size(), 2u);
+    EXPECT_EQ(g_calls[0].key, 7u);
+    EXPECT_EQ(g_calls[0].opType, 0u);
+    EXPECT_EQ(g_calls[0].data, "old");
+    EXPECT_EQ(g_calls[1].data, "y");
+    EXPECT_EQ(LiveAllocations(), idle);
+}
+
 TEST_F(MergeFlowTest, WaterMarksThrottleChannelOrSyncGroup)
 {
     base_.mergeMque[0].highWater = 3u;
