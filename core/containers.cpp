@@ -1,16 +1,7 @@
 // The circular list and the integer-keyed chained hash built on it.
 #include "core/int_hash.h"
 
-namespace {
-
-ASList *BucketOf(const ASIntHash *hash, uint32_t key)
-{
-    // The cast drops const only to hand out a head the caller may link into.
-    auto *h = const_cast<ASIntHash *>(hash);
-    return &h->bucket[key % static_cast<uint32_t>(h->bucketNum)];
-}
-
-}  // namespace
+using asorch::BucketOf;
 
 extern "C" {
 
@@ -43,21 +34,6 @@ ASORCH_API ASIntHash *ASIntHashCreate(uint32_t bucketNum, ASOrchMemAllocFunc mem
         ASListInit(&hash->bucket[i]);
     }
     return hash;
-}
-
-ASIntHashNode *ASIntHashFind(const ASIntHash *hash, const uint32_t *key)
-{
-    if (hash == nullptr || key == nullptr) {
-        return nullptr;
-    }
-    ASList *head = BucketOf(hash, *key);
-    for (ASList *it = head->next; it != head; it = it->next) {
-        auto *node = reinterpret_cast<ASIntHashNode *>(it);
-        if (node->key == *key) {
-            return node;
-        }
-    }
-    return nullptr;
 }
 
 ASORCH_API uint32_t ASIntHashAdd(ASIntHash *hash, ASIntHashNode *node)

@@ -1,13 +1,42 @@
-// Lookup in the library's integer hash, shared by the registries; not exported.
+// Lookup in the library's integer hash, shared by the registries; not exported. Inline, since
+// every received record looks its registration up here.
 #ifndef RIX_AS_CORE_INT_HASH_H
 #define RIX_AS_CORE_INT_HASH_H
 
 #include "rix_as_names.h"
 
+namespace asorch {
+
+inline ASList *BucketOf(const ASIntHash *hash, uint32_t key)
+{
+    const auto n = static_cast<uint32_t>(hash->bucketNum);
+    // The library's own tables have power-of-two counts: a mask, not a division (a call on ARMv7).
+    const uint32_t i = (n & (n - 1u)) == 0u ? (key & (n - 1u)) : key % n;
+    // The cast drops const only to hand out a head the caller may link into.
+    return const_cast<ASList *>(&hash->bucket[i]);
+}
+
+inline ASIntHashNode *IntHashFind(const ASIntHash *hash, uint32_t key)
+{
+    ASList *head = BucketOf(hash, key);
+    for (ASList *it = head->next; it != head; it = it->next) {
+        auto *node = reinterpret_cast<ASIntHashNode *>(it);
+        if (node->key == key) {
+            return node;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace asorch
+
 extern "C" {
 
 // The node whose key equals *key, or null.
-ASIntHashNode *ASIntHashFind(const ASIntHash *hash, const uint32_t *key);
+inline ASIntHashNode *ASIntHashFind(const ASIntHash *hash, const uint32_t *key)
+{
+    return (hash == nullptr || key == nullptr) ? nullptr : asorch::IntHashFind(hash, *key);
+}
 
 }
 

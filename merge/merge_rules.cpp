@@ -1,7 +1,10 @@
 // Key identity, bucket hash and the opType rule table of merged message vectors.
 #include "include/rix_as_orch.h"
 
+#include <bit>
 #include <cstring>
+
+#include "merge/merge_block.h"
 
 extern "C" {
 
@@ -100,15 +103,24 @@ ASORCH_API uint32_t ASOrchMergeHashFunc(ASOrchHandle *handle, uint32_t chan, con
     const uint32_t words = key == nullptr ? 0u : vec->keyLen / 4u;
     for (uint32_t i = 0; i < words; ++i) {
         const uint8_t *p = key + static_cast<size_t>(i) * 4u;
-        const uint32_t w = static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
-                           (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+        uint32_t w;
+        if constexpr (std::endian::native == std::endian::little) {
+            std::memcpy(&w, p, sizeof(w));
+        } else {
+            w = static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
+                (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+        }
         h = (h ^ w) * 16777619u;
     }
     h += h << 13;
     h ^= h >> 7;
     h += h << 3;
     h ^= h >> 17;
-    return (vec->msgId + vec->version + h * 33u) % handle->mergeHandle[chan].hashSize;
+    const uint32_t x = vec->msgId + vec->version + h * 33u;
+    const ASOrchMergeHandle &entry = handle->mergeHandle[chan];
+    const asmerge::BucketCount &bucket = asmerge::BlockOf(handle->mergeHandle)->bucket[chan];
+    // An entry set up outside the library's own registration has no prepared count.
+    return bucket.size == entry.hashSize ? asmerge::Reduce(x, bucket) : x % entry.hashSize;
 }
 
 }

@@ -1,6 +1,8 @@
 // Merge rules, key identity and the bucket hash of message vectors.
 #include <cstring>
+#include <random>
 
+#include "merge/merge_block.h"
 #include "test_support.h"
 
 namespace {
@@ -18,14 +20,18 @@ TEST(MergeRulesTest, RuleTableCombinesOnlyItsOwnPairs)
     }
 }
 
-TEST(MergeRulesTest, KeyIdentityAndPinnedBucketHash)
+uint32_t NoHash(const void *) { return 0u; }
+
+class MergeHashTest : public rixtest::OrchTest {};
+
+TEST_F(MergeHashTest, KeyIdentityAndPinnedBucketHash)
 {
-    // Just what the hash reads: the two channels' moduli.
-    ASOrchMergeHandle entries[2]{};
-    entries[0].hashSize = 8192u;
-    entries[1].hashSize = 1000u;
-    ASOrchHandle handle{};
-    handle.mergeHandle = entries;
+    // The two channels' moduli: a power of two and one that is not.
+    ASOrchMergeMsg msgs[1] = {{0x100u, {nullptr, nullptr, nullptr, nullptr}}};
+    base_.mergeMque[0] = {msgs, 1u, 8192u, NoHash, 0u, 0u};
+    base_.mergeMque[1] = {msgs, 1u, 1000u, NoHash, 0u, 0u};
+    ASSERT_EQ(ASOrchRegMerge(h_, &base_), 0u);
+    ASOrchHandle &handle = *h_;
 
     uint8_t k1[6] = {1, 2, 3, 4, 5, 6}, k2[6] = {1, 2, 3, 4, 5, 6}, d1[2] = {1, 1};
     ASOrchMsgVec a{0x100u, 0u, k1, 6u, d1, 2u, 0u, nullptr};
@@ -54,8 +60,28 @@ TEST(MergeRulesTest, KeyIdentityAndPinnedBucketHash)
     EXPECT_EQ(ASOrchMergeHashFunc(&handle, 1u, &v), 751u);
     v = ASOrchMsgVec{0xDEADBEEFu, 0u, twelve, 12u, nullptr, 0u, 0xFFFFFFFFu, nullptr};
     EXPECT_EQ(ASOrchMergeHashFunc(&handle, 0u, &v), 6098u);
+    ASOrchMergeHandle *built = handle.mergeHandle;
     handle.mergeHandle = nullptr;  // no channel built: still a valid bucket
     EXPECT_EQ(ASOrchMergeHashFunc(&handle, 0u, &v), 0u);
+    handle.mergeHandle = built;
+}
+
+// The division-free reduction agrees with % for every size class and the edges of each.
+TEST(MergeRulesTest, BucketReductionEqualsTheRemainder)
+{
+    std::mt19937 rng(7u);
+    const uint32_t sizes[] = {1u, 2u, 3u, 7u, 1000u, 1023u, 1024u, 4097u, 8192u, 65535u, 100003u, 0x7FFFFFFFu,
+                              0x80000000u, 0xFFFFFFFFu};
+    for (uint32_t size : sizes) {
+        const asmerge::BucketCount b = asmerge::BucketDivisor(size);
+        std::vector<uint32_t> xs = {0u, 1u, size - 1u, size, size + 1u, 2u * size - 1u, 0xFFFFFFFFu, 0xFFFFFFFEu};
+        for (int i = 0; i < 20000; ++i) {
+            xs.push_back(rng());
+        }
+        for (uint32_t x : xs) {
+            ASSERT_EQ(asmerge::Reduce(x, b), x % size) << x << " % " << size;
+        }
+    }
 }
 
 }  // namespace
