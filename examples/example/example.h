@@ -140,13 +140,16 @@ typedef struct ExCounters {
     atomic_uint_fast64_t syncFailed;
     atomic_uint_fast64_t peerReceived;
     atomic_uint_fast64_t peerDelivered;
-    atomic_uint_fast64_t peerCoalesced;
     atomic_uint_fast64_t peerMergeFailed;
     atomic_uint_fast64_t msgProcFailed;
     atomic_uint_fast64_t unpackCalls;
     atomic_uint_fast64_t unpackFrees;
     atomic_uint_fast64_t notifyCalls;
     atomic_uint_fast64_t errors;
+    atomic_uint_fast64_t allocs;  /* the orchestrators' allocator */
+    atomic_uint_fast64_t frees;
+    atomic_int_fast64_t liveBytes;
+    atomic_int_fast64_t peakBytes;
 } ExCounters;
 
 typedef struct ExBrokerStats {
@@ -216,9 +219,11 @@ int ExBrokerInit(void);
 void ExBrokerFree(void);
 void ExRunBroker(double start, int tty);
 
-/* ---- report.c: the module's allocator, the books, the checks and what is printed ---- */
+/* ---- main.c: the orchestrators' allocator ---- */
 void *ExAlloc(uint32_t size);
 void ExFree(void *ptr);
+
+/* ---- report.c: the books, the checks and what is printed ---- */
 void ExError(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void ExCheck(int ok, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 int ExAllocBooks(void);
@@ -229,7 +234,6 @@ uint64_t ExOfferedAll(void);
 uint64_t ExAccountedAll(void);
 int ExAllAccounted(void);
 void ExProgress(double start);
-void ExPrintLogSummary(void);
 void ExReport(int ok, double offerTime, double wall);
 int ExFinish(int ok);
 

@@ -12,6 +12,43 @@
 
 ExRun g_run;
 
+/* The orchestrators' allocator: counts every block so that a leak shows. Each block carries
+ * its size in front, padded so that the caller's memory keeps the strictest alignment. */
+typedef union ExAllocHdr {
+    uint32_t size;
+    max_align_t align;
+} ExAllocHdr;
+
+void *ExAlloc(uint32_t size)
+{
+    ExAllocHdr *h = malloc(sizeof(ExAllocHdr) + (size_t)size);
+    if (h == NULL) {
+        return NULL;
+    }
+    h->size = size;
+    atomic_fetch_add_explicit(&g_run.cnt.allocs, 1u, memory_order_relaxed);
+    int_fast64_t live = atomic_fetch_add_explicit(&g_run.cnt.liveBytes, size, memory_order_relaxed) + size;
+    int_fast64_t peak = atomic_load_explicit(&g_run.cnt.peakBytes, memory_order_relaxed);
+    while (live > peak &&
+           !atomic_compare_exchange_weak_explicit(&g_run.cnt.peakBytes, &peak, live, memory_order_relaxed,
+                                                  memory_order_relaxed)) {
+    }
+    return h + 1;
+}
+
+void ExFree(void *ptr)
+{
+    if (ptr == NULL) {
+        return;
+    }
+    ExAllocHdr *h = (ExAllocHdr *)ptr - 1;
+    atomic_fetch_add_explicit(&g_run.cnt.frees, 1u, memory_order_relaxed);
+    atomic_fetch_sub_explicit(&g_run.cnt.liveBytes, h->size, memory_order_relaxed);
+    free(h);
+}
+
+/* ---- Flags ---- */
+
 static void ExUsage(FILE *out, const char *prog)
 {
     fprintf(out,
@@ -146,6 +183,8 @@ static int ExParseOptions(int argc, char **argv, ExOptions *o)
     }
     return 0;
 }
+
+/* ---- The run ---- */
 
 /* Waits until the module has handled everything offered (or nothing moves for 10 s). */
 static void ExDrain(double start, int tty)

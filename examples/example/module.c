@@ -14,8 +14,9 @@
 #include <stdint.h>
 #include <string.h>
 
-/* Merge types: bit 0 picks the queue (0 DAM, 1 FES), values 2 and 3 move an updated entry
- * to the tail, 4 and above process the record at once, without a queue. */
+/* Merge types: 0 to 3 go through a queue, bit 0 choosing it (0 DAM, 1 FES) and 2 or 3 moving
+ * an updated entry to the tail; 4 is processed at once from the DAM message table, 5 and up
+ * from the FES one. With a user-defined function it is only that function's procParam. */
 #define EX_MT_ROUTE 0u  /* DAM queue, an update keeps its place */
 #define EX_MT_NHP 3u    /* FES queue, an update moves to the tail */
 #define EX_MT_ARP 4u    /* at once, DAM message table */
@@ -348,7 +349,7 @@ int ExRegisterModule(ASOrchHandle *h)
         ExError("ASOrchThreadSet refused DATA, SYNC and EVENT");
         return -1;
     }
-    /* Handed unchanged to the platform, which defines their meaning. */
+    /* Handed unchanged to the platform, which defines their meaning; the test kit takes any. */
     bp.modStateRsp[0] = 1u;
     bp.modStateRsp[1] = 0u;
     bp.reservePort[0] = 0x2F00u;
@@ -356,7 +357,8 @@ int ExRegisterModule(ASOrchHandle *h)
     /* Group 0 is required; a non-zero word selects a group and is its message set. */
     bp.syncGrpMsgSet[0] = 0x0101u;  /* group 0: DAM data */
     bp.syncGrpMsgSet[2] = 0x0202u;  /* group 2: FES data */
-    /* All four channels, each on its own broker port; at least one is required. */
+    /* All four channels, each on its own broker port (at least one is required); chanArg goes
+     * into the channel record unchanged, here the channel's number. */
     for (uint32_t c = 0; c < ASORCH_CHAN_NUM; c++) {
         bp.chanPort[c].realServerPort = 0x1F90u + c;
         bp.chanPort[c].chanArg = c;
@@ -371,8 +373,8 @@ int ExRegisterModule(ASOrchHandle *h)
     bp.transTblMsg[0] = (ASOrchTblMsgList){g_transDam, EX_COUNT(g_transDam)};
     bp.transTblMsg[1] = (ASOrchTblMsgList){g_transFes, EX_COUNT(g_transFes)};
 
-    /* Hash sizes near the number of keys that may be pending; water marks low enough that
-     * the broker meets back-pressure (0 would take the defaults). */
+    /* Hash buckets: four per entry that the high water mark lets pend. Water marks low
+     * enough that the broker meets back-pressure (0 takes the defaults). */
     bp.mergeMque[0] = (ASOrchMergeReg){g_damMsgs, EX_COUNT(g_damMsgs), 4096u, ExModDamHash, EX_DAM_HIGH_WATER,
                                        EX_DAM_LOW_WATER};
     bp.mergeMque[1] = (ASOrchMergeReg){g_fesMsgs, EX_COUNT(g_fesMsgs), 2048u, ExModFesHash, EX_FES_HIGH_WATER,
@@ -389,7 +391,7 @@ int ExRegisterModule(ASOrchHandle *h)
 /* ---- Bringing it up ---- */
 
 /* Every byte an orchestrator holds comes from memAlloc and goes back through memFree; the
- * example's pair (report.c) counts blocks so that a leak shows. The peer is made the same way. */
+ * example's pair (main.c) counts blocks so that a leak shows. The peer is made the same way. */
 ASOrchHandle *ExCreate(const char *name)
 {
     ASOrchCreatePara cp = {.memAlloc = ExAlloc, .memFree = ExFree};

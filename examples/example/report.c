@@ -1,5 +1,5 @@
-/* The example's books and report: the module's counting allocator, the per-key books of both
- * ends, the progress line, the summary and the checks that decide the exit status. */
+/* The example's books and report: the per-key books of both ends, the progress line, the
+ * summary and the checks that decide the exit status. */
 #include "example.h"
 
 #include <inttypes.h>
@@ -8,77 +8,37 @@
 
 #include "rix_platform_test.h"
 
-/* ---- The module's allocator: counts every block so that a leak shows ---- */
-
-typedef union ExAllocHdr {
-    uint32_t size;
-    max_align_t align;
-} ExAllocHdr;
-
-static atomic_uint_fast64_t g_exAllocs;
-static atomic_uint_fast64_t g_exFrees;
-static atomic_int_fast64_t g_exLiveBytes;
-static atomic_int_fast64_t g_exPeakBytes;
-
-void *ExAlloc(uint32_t size)
-{
-    ExAllocHdr *h = malloc(sizeof(ExAllocHdr) + (size_t)size);
-    if (h == NULL) {
-        return NULL;
-    }
-    h->size = size;
-    atomic_fetch_add_explicit(&g_exAllocs, 1u, memory_order_relaxed);
-    int_fast64_t live = atomic_fetch_add_explicit(&g_exLiveBytes, size, memory_order_relaxed) + size;
-    int_fast64_t peak = atomic_load_explicit(&g_exPeakBytes, memory_order_relaxed);
-    while (live > peak &&
-           !atomic_compare_exchange_weak_explicit(&g_exPeakBytes, &peak, live, memory_order_relaxed,
-                                                  memory_order_relaxed)) {
-    }
-    return h + 1;
-}
-
-void ExFree(void *ptr)
-{
-    if (ptr == NULL) {
-        return;
-    }
-    ExAllocHdr *h = (ExAllocHdr *)ptr - 1;
-    atomic_fetch_add_explicit(&g_exFrees, 1u, memory_order_relaxed);
-    atomic_fetch_sub_explicit(&g_exLiveBytes, h->size, memory_order_relaxed);
-    free(h);
-}
-
 /* ---- Errors and checks ---- */
+
+static int g_exFailures;
+
+static void ExVPrint(FILE *out, const char *prefix, const char *fmt, va_list ap)
+{
+    fputs(prefix, out);
+    vfprintf(out, fmt, ap);
+    fputc('\n', out);
+}
 
 /* The first twenty failures are reported; every one is counted. */
 void ExError(const char *fmt, ...)
 {
-    uint_fast64_t n = atomic_fetch_add_explicit(&g_run.cnt.errors, 1u, memory_order_relaxed);
-    if (n >= 20u) {
-        return;
+    if (atomic_fetch_add_explicit(&g_run.cnt.errors, 1u, memory_order_relaxed) < 20u) {
+        va_list ap;
+        va_start(ap, fmt);
+        ExVPrint(stderr, "example_module: error: ", fmt, ap);
+        va_end(ap);
     }
-    va_list ap;
-    va_start(ap, fmt);
-    fputs("example_module: error: ", stderr);
-    vfprintf(stderr, fmt, ap);
-    fputc('\n', stderr);
-    va_end(ap);
 }
-
-static int g_exFailures;
 
 void ExCheck(int ok, const char *fmt, ...)
 {
-    if (ok) {
-        return;
+    if (!ok) {
+        g_exFailures++;
+        va_list ap;
+        va_start(ap, fmt);
+        ExVPrint(stdout, "CHECK FAILED: ", fmt, ap);
+        va_end(ap);
     }
-    g_exFailures++;
-    va_list ap;
-    va_start(ap, fmt);
-    fputs("CHECK FAILED: ", stdout);
-    vprintf(fmt, ap);
-    fputc('\n', stdout);
-    va_end(ap);
 }
 
 /* ---- Books ---- */
@@ -241,6 +201,7 @@ static int ExStatFromText(const char *text, const char *label, uint64_t *out)
     }
     return -1;
 }
+
 /* Per key: every offer came out once (delivered or absorbed), and the last state delivered
  * is the last state offered, on the module and, for synced keys, on the peer. */
 static void ExCheckKeys(void)
@@ -294,7 +255,7 @@ static void ExPrintDiagnostics(uint64_t merges[4], uint64_t maxCnt[4])
 }
 
 /* Captured platform log: a count, and the lines that are neither routine nor expected. */
-void ExPrintLogSummary(void)
+static void ExPrintLogSummary(void)
 {
     uint32_t n = RIX_TEST_LogCount();
     uint32_t monitor = 0, drains = 0, shown = 0, failures = 0;
@@ -364,7 +325,7 @@ static void ExPrintSummary(const ExPlatformCounts *pc, double offerTime, double 
            offerTime, offerTime > 0.0 ? (double)offered / offerTime : 0.0,
            wall > 0.0 ? (double)delivered / wall : 0.0);
     printf("module memory         : peak %" PRIdFAST64 " bytes in use\n",
-           atomic_load_explicit(&g_exPeakBytes, memory_order_relaxed));
+           atomic_load_explicit(&g_run.cnt.peakBytes, memory_order_relaxed));
 }
 
 /* What the module, the peer, the queues' own statistics and the platform counted must agree. */
@@ -426,12 +387,12 @@ void ExReport(int ok, double offerTime, double wall)
  * Returns the number of failed checks of the whole run. */
 int ExFinish(int ok)
 {
-    uint64_t allocs = (uint64_t)atomic_load(&g_exAllocs), frees = (uint64_t)atomic_load(&g_exFrees);
+    uint64_t allocs = (uint64_t)atomic_load(&g_run.cnt.allocs), frees = (uint64_t)atomic_load(&g_run.cnt.frees);
     printf("module allocator      : %" PRIu64 " blocks allocated, %" PRIu64 " released, %" PRIdFAST64
            " bytes left\n",
-           allocs, frees, atomic_load(&g_exLiveBytes));
+           allocs, frees, atomic_load(&g_run.cnt.liveBytes));
     ExCheck(ok, "the orchestrators could not be set up");
-    ExCheck(allocs == frees && atomic_load(&g_exLiveBytes) == 0, "the module allocator does not balance");
+    ExCheck(allocs == frees && atomic_load(&g_run.cnt.liveBytes) == 0, "the module allocator does not balance");
     ExCheck(atomic_load(&g_run.cnt.errors) == 0u, "%" PRIuFAST64 " processing errors (first ones on stderr)",
             atomic_load(&g_run.cnt.errors));
     ExCheck(RIX_TEST_EalLiveCount() == 0u, "abstraction-layer instances left alive");
