@@ -12,8 +12,15 @@ cmake --build "$build" -j "$(nproc)"
 
 status=0
 shopt -s nullglob
+# examples/NAME.c builds program NAME, a folder examples/NAME/ program NAME_module.
+names=()
 for src in examples/*.c; do
-    name=$(basename "$src" .c)
+    names+=("$(basename "$src" .c)")
+done
+for dir in examples/*/; do
+    names+=("$(basename "$dir")_module")
+done
+for name in $(printf '%s\n' "${names[@]}" | sort); do
     echo "=== $name"
     if ! "$build/examples/$name"; then
         echo "=== $name FAILED" >&2

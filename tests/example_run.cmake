@@ -36,7 +36,7 @@ if(CMAKE_SCRIPT_MODE_FILE)
   return()
 endif()
 
-if(NOT RIX_BUILD_EXAMPLES OR NOT EXISTS ${CMAKE_SOURCE_DIR}/examples/example_module.c
+if(NOT RIX_BUILD_EXAMPLES OR NOT EXISTS ${CMAKE_SOURCE_DIR}/examples/example/module.c
    OR NOT EXISTS ${CMAKE_SOURCE_DIR}/examples/CMakeLists.txt)
   return()
 endif()
