@@ -3,6 +3,7 @@
 
 #include "core/int_hash.h"
 #include "merge/merge_block.h"
+#include "merge/merge_key.h"
 #include "mergeque/mque_internal.h"
 #include "rix_platform.h"
 
@@ -13,12 +14,13 @@ constexpr const char *kChanWord[ASORCH_MERGE_CHAN_NUM] = {"DAM", "FES"};
 // The container's callback types take untyped data; these hand it on as message vectors.
 uint32_t CmpAdapter(const void *stored, const void *searched, uint32_t)
 {
-    return ASOrchPubCmpFunc(static_cast<const ASOrchMsgVec *>(stored), static_cast<const ASOrchMsgVec *>(searched));
+    return asmerge::SameKey(static_cast<const ASOrchMsgVec *>(stored), static_cast<const ASOrchMsgVec *>(searched));
 }
 
+// The stored vector is its own key, as ASOrchPubGetKeyPtr says.
 const void *GetKeyAdapter(const void *stored)
 {
-    return ASOrchPubGetKeyPtr(const_cast<void *>(stored));
+    return stored;
 }
 
 // The pending copy's block is parked with the writer instead of released here: should the
@@ -27,7 +29,7 @@ void MergeAdapter(void *newData, void *storedData)
 {
     auto *arriving = static_cast<asmerge::WriteVec *>(newData);
     auto *pending = static_cast<ASOrchMsgVec *>(storedData);
-    ASOrchPubMergeRule(pending, &arriving->vec);
+    asmerge::ApplyRule(pending, &arriving->vec);
     arriving->retired = pending->key;
 }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "merge/merge_block.h"
+#include "merge/merge_key.h"
 
 extern "C" {
 
@@ -24,17 +25,7 @@ ASORCH_API uint32_t ASOrchGetMergeRule(uint32_t oldOpType, uint32_t newOpType, u
     if (mergedOpType == nullptr) {
         return ASORCH_ERR;
     }
-    const uint32_t index = oldOpType * 2u + newOpType;
-    if (index >= g_ASOrchMergeRulesNum) {
-        return ASORCH_ERR;
-    }
-    // The index alone would let pairs such as (0, 2) borrow another pair's row.
-    const ASOrchMergeRule &rule = g_ASOrchMergeRules[index];
-    if (rule.oldOpType != oldOpType || rule.newOpType != newOpType) {
-        return ASORCH_ERR;
-    }
-    *mergedOpType = rule.mergedOpType;
-    return ASORCH_OK;
+    return asmerge::MergeRule(oldOpType, newOpType, mergedOpType);
 }
 
 ASORCH_API void ASOrchPubMergeRule(ASOrchMsgVec *pending, ASOrchMsgVec *arriving)
@@ -42,14 +33,7 @@ ASORCH_API void ASOrchPubMergeRule(ASOrchMsgVec *pending, ASOrchMsgVec *arriving
     if (pending == nullptr || arriving == nullptr) {
         return;
     }
-    if (arriving->opType == ASORCH_OPTYPE_AGEINFO) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "Orch autosync merge notify is ageinfo error, msgId %u",
-                            arriving->msgId);
-        return;
-    }
-    if (ASOrchGetMergeRule(pending->opType, arriving->opType, &arriving->opType) != ASORCH_OK) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "Orch autosync merge notify get rule error");
-    }
+    asmerge::ApplyRule(pending, arriving);
 }
 
 ASORCH_API void ASOrchPubMergeNotify(ASOrchMsgVec *arriving, ASOrchMsgVec *pending)
@@ -70,19 +54,7 @@ ASORCH_API void ASOrchPubMergeNotify(ASOrchMsgVec *arriving, ASOrchMsgVec *pendi
 
 ASORCH_API uint32_t ASOrchPubCmpFunc(const ASOrchMsgVec *a, const ASOrchMsgVec *b)
 {
-    if (a == nullptr || b == nullptr) {
-        return 0u;
-    }
-    if (a->msgId != b->msgId || a->version != b->version || a->keyLen != b->keyLen) {
-        return 0u;
-    }
-    if (a->keyLen == 0u || a->key == b->key) {
-        return 1u;
-    }
-    if (a->key == nullptr || b->key == nullptr) {
-        return 0u;
-    }
-    return std::memcmp(a->key, b->key, a->keyLen) == 0 ? 1u : 0u;
+    return asmerge::SameKey(a, b);
 }
 
 ASORCH_API void *ASOrchPubGetKeyPtr(void *vec)
