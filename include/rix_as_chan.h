@@ -28,7 +28,7 @@ typedef struct ASOrchChanPort {
     uint32_t realServerPort;  /* 0: channel not wanted, but at least one of slots 0 to 3
                                * must be non-zero; a port in slots 4 to 7 is refused;
                                * low 16 bits used */
-    uint32_t chanArg;
+    uint32_t chanArg;         /* handed to the layer unchanged */
 } ASOrchChanPort;
 
 typedef uint32_t (*ASOrchChanServerIpFunc)(void);
@@ -92,7 +92,8 @@ ASORCH_API uint32_t ASOrchRegChannel(ASOrchHandle *handle, const ASOrchChanPort 
                                      const ASOrchChanPara *row);
 /* Puts the module name in front of a 32-byte channel name, in place; nameLen is not used. */
 ASORCH_API uint32_t ASOrchChanAddNamePrefix(ASOrchHandle *handle, uint32_t nameLen, char *chanName);
-/* Fills the port (network byte order) and the broker-address function into a channel record. */
+/* Fills a channel record from its slot: the port (network byte order), chanArg, the
+ * broker-address function and the layer's fixed words. */
 ASORCH_API void ASOrchChanParamCfg(ASOrchChanPara *chan, const ASOrchChanPort *port);
 /* The broker's address, IPv4 in network byte order. */
 ASORCH_API uint32_t ASOrchGetChanServerIp(void);

@@ -104,7 +104,7 @@ ASORCH_LAYOUT_ASSERT(sizeof(ASOrchBasePara) == 45 * 4, "base parameters are 45 w
 
 /* ---- Lifecycle and accessors ---- */
 
-/* One orchestrator per module. The name (1 to 15 characters) must be unused in the process;
+/* One orchestrator per module. The name (at most 15 characters) must be unused in the process;
  * it is copied into the handle, which is allocated through para->memAlloc, and names the
  * channels, threads and merge queues. Creates the abstraction-layer instance with the id of
  * the platform's "orchpub" table. Null on any failure (logged); a failure leaves nothing
@@ -161,7 +161,8 @@ ASORCH_API uint32_t ASOrchCreateEal(ASOrchHandle *handle);
  *   - a sync group that the layer refuses (RIX_EAL_RegSyncGroup) is logged ("RIX_EAL reg
  *     SyncGroup Fail.") and registration goes on without it;
  *   - on a process without the mb role (RIX_EAL_SelfRoleIsMb 0) no table message is
- *     registered, and every message is later dropped as unknown;
+ *     registered: every receive message is later dropped as unknown, every transfer TLV fails
+ *     its lookup;
  *   - a merge registration without messages or hashFunc leaves its channel out unlogged;
  *   - a receive record with ipcSize 0, or one without userDefProc whose keySize exceeds
  *     ipcSize, is accepted here, and every message of that msgId then fails in

@@ -260,8 +260,10 @@ ASORCH_API uint32_t ASOrchDamTblSize(const ASOrchTransTlv *tlv, const ASOrchTblM
  *      process without the mb role;
  *    - a record the merge layer refuses: empty key, allocation or queue write failure;
  *      a merge type 0 to 3 whose channel has no merge queue is dropped with no line at all;
- *    - immediate processing (merge type 4 and up) whose msgId or opType has no msgProc;
- *    - userDefProc or tblMsgProc returning non-zero; a TLV with an unknown tableId.
+ *    - immediate processing (merge type 4 and up) without a msgProc for the msgId and
+ *      opType, or whose msgProc fails;
+ *    - userDefProc or tblMsgProc returning non-zero; a TLV with an unknown tableId or a
+ *      smoothing item that fails.
  * Records that reach a merge queue are processed later, on the DATA thread. */
 ASORCH_API uint32_t ASOrchMsgProc(ASOrchHandle *handle, ASOrchMsg *msg);
 ASORCH_API uint32_t ASOrchMsgIsValid(ASOrchHandle *handle, ASOrchMsg *msg);

@@ -44,11 +44,11 @@ typedef uint32_t (*MergeQueFlowCtrlNotifyFunc)(uint32_t evtType, void *notifyPar
 #define MERGEQUE_EVT_UNDER_LOW_WATER 1u
 
 /* Reader statistics: ids of g_mergeQueReaderStatDesc and slots of readerStat, printed under
- * the texts of that table ("Success Merge", ...). "Success Write" counts writes that made a
- * new entry, "Success Merge" writes merged into a pending one, "Success Read" entries read, "Empty Read" the unused slots of each read (maxCnt
- * minus the entries returned: a drain of 32 that finds 5 adds 27), not wake-ups without
- * work. "BackPress" / "UnBackPress" count the reader's removals from and returns to its
- * epoll set. */
+ * the texts of that table. "Success Write" counts writes that made a new entry, "Success
+ * Merge" writes merged into a pending one, "Success Read" entries read, "Empty Read" the
+ * unused slots of each read (maxCnt minus the entries returned: a drain of 32 that finds 5
+ * adds 27), not wake-ups without work. "BackPress" / "UnBackPress" count the reader's
+ * removals from and returns to its epoll set. */
 enum {
     MERGEQUE_RSTAT_SUCC_MERGE = 0,
     MERGEQUE_RSTAT_FAIL_MERGE = 1,

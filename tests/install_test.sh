@@ -56,7 +56,7 @@ target_link_libraries(minimal_module PRIVATE rix_autosync_orch::rix_autosync_orc
 add_executable(newcomer_module "$newcomer")
 set_target_properties(newcomer_module PROPERTIES C_STANDARD 11 C_EXTENSIONS OFF)
 target_compile_options(newcomer_module PRIVATE -Wall -Wextra -Werror)
-target_link_libraries(newcomer_module PRIVATE rix_autosync_orch::rix_autosync_orch rix_autosync_orch::rix_utils_eal)
+target_link_libraries(newcomer_module PRIVATE rix_autosync_orch::rix_autosync_orch)
 CMAKE
 cfg=(-S "$work/consumer" -B "$work/consumer/build" -DCMAKE_C_COMPILER="$cc")
 if [[ -n $toolchain ]]; then
