@@ -48,7 +48,7 @@ typedef uint32_t (*MergeQueFlowCtrlNotifyFunc)(uint32_t evtType, void *notifyPar
  * Merge" writes merged into a pending one, "Success Read" entries read, "Empty Read" the
  * unused slots of each read (maxCnt minus the entries returned: a drain of 32 that finds 5
  * adds 27), not wake-ups without work. "BackPress" / "UnBackPress" count the reader's
- * removals from and returns to its epoll set. */
+ * removals from and returns to its epoll set. "Fail Merge" and "Fail Read" stay 0. */
 enum {
     MERGEQUE_RSTAT_SUCC_MERGE = 0,
     MERGEQUE_RSTAT_FAIL_MERGE = 1,
