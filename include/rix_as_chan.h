@@ -6,7 +6,9 @@
 
 ASORCH_EXTERN_C_BEGIN
 
-/* Channel numbers. */
+/* Channel numbers: they index chanPort, g_ASOrchChanParam and RIX_EAL_GetChannelHdl. DAM,
+ * FES and UP are received on the DATA thread, EVT on the EVENT thread (on DATA when the
+ * module has no EVENT thread). */
 #define ASORCH_CHAN_DAM 0u
 #define ASORCH_CHAN_FES 1u
 #define ASORCH_CHAN_UP 2u
@@ -14,7 +16,8 @@ ASORCH_EXTERN_C_BEGIN
 #define ASORCH_CHAN_NUM 4u
 #define ASORCH_CHAN_PORT_SLOTS 8u
 
-/* Thread ids and mask bits. */
+/* Thread ids; bit i of a thread mask stands for thread i. DATA is required and runs the merge
+ * queues' drains; SYNC and EVENT are optional. */
 #define ASORCH_THREAD_DATA 0u
 #define ASORCH_THREAD_SYNC 1u
 #define ASORCH_THREAD_EVENT 2u
@@ -22,8 +25,10 @@ ASORCH_EXTERN_C_BEGIN
 
 /* One chanPort slot of the base parameters. */
 typedef struct ASOrchChanPort {
-    uint32_t realServerPort;  /* 0: channel not wanted; low 16 bits used */
-    uint32_t chanArg;
+    uint32_t realServerPort;  /* 0: channel not wanted, but at least one of slots 0 to 3
+                               * must be non-zero; a port in slots 4 to 7 is refused;
+                               * low 16 bits used */
+    uint32_t chanArg;         /* handed to the layer unchanged */
 } ASOrchChanPort;
 
 typedef uint32_t (*ASOrchChanServerIpFunc)(void);
@@ -78,12 +83,17 @@ ASORCH_API extern const char *const g_ASChannelName[ASORCH_CHAN_PORT_SLOTS];
 ASORCH_API extern const ASOrchChanPara g_ASOrchChanParam[ASORCH_CHAN_NUM];
 
 ASORCH_API const char *ASGetChnlName(uint32_t chanNo);
-/* Base step "channel": registers every channel whose slot has a port. */
+/* Base step "channel": registers every channel whose slot has a port, towards the broker at
+ * 127.0.0.1. 1 with "%s, no valid realServerPort." when no slot has one, with "%s, chanPort
+ * slot %u has no channel." for a port in slots 4 to 7, or when the layer refuses a channel. */
 ASORCH_API uint32_t ASOrchRegBaseChan(ASOrchHandle *handle, struct ASOrchBasePara *para);
+/* Registers one channel from a copy of row (name prefixed, port filled in). */
 ASORCH_API uint32_t ASOrchRegChannel(ASOrchHandle *handle, const ASOrchChanPort *port,
                                      const ASOrchChanPara *row);
 /* Puts the module name in front of a 32-byte channel name, in place; nameLen is not used. */
 ASORCH_API uint32_t ASOrchChanAddNamePrefix(ASOrchHandle *handle, uint32_t nameLen, char *chanName);
+/* Fills a channel record from its slot: the port (network byte order), chanArg, the
+ * broker-address function and the layer's fixed words. */
 ASORCH_API void ASOrchChanParamCfg(ASOrchChanPara *chan, const ASOrchChanPort *port);
 /* The broker's address, IPv4 in network byte order. */
 ASORCH_API uint32_t ASOrchGetChanServerIp(void);
@@ -91,8 +101,10 @@ ASORCH_API uint32_t ASOrchGetChanServerIp(void);
 /* Builds a mask from count (1 to 3) distinct thread ids: the first, then count - 1 more
  * as uint32_t variable arguments. */
 ASORCH_API uint32_t ASOrchThreadSet(uint32_t *mask, uint32_t count, uint32_t firstId, ...);
-/* Base step "RegThread". */
+/* Base step "RegThread": registers the threads of the handle's mask, named after the module;
+ * 1 when the mask lacks the DATA bit. Keeps the mask in the handle. */
 ASORCH_API uint32_t ASOrchRegThread(ASOrchHandle *handle, struct ASOrchBasePara *para);
+/* The parts of "RegThread": thread names, then the registration of count rows. */
 ASORCH_API uint32_t ASOrchSetThreadName(ASOrchHandle *handle, ASOrchThreadCfg *rows, uint32_t count);
 ASORCH_API uint32_t ASOrchRegThreadBase(ASOrchHandle *handle, struct ASOrchBasePara *para,
                                         ASOrchThreadCfg *rows, uint32_t count);

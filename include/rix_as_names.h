@@ -1,4 +1,7 @@
-/* Module-name registry and the small containers. */
+/* Module-name registry and the small containers. The registry is what makes a module name
+ * unique per process (ASOrchCreate adds, ASOrchDestroy removes); it has no lock, so names are
+ * added and removed from one thread at a time. The containers are the library's own list and
+ * integer hash; a module does not need them. */
 #ifndef RIX_AS_NAMES_H
 #define RIX_AS_NAMES_H
 
@@ -50,7 +53,9 @@ ASORCH_LAYOUT_ASSERT(sizeof(ASIntHash) == 4, "bucket heads follow the count word
 /* 1 when the name is shorter than 16 characters and both functions are non-null. */
 ASORCH_API uint32_t ASNameCreatCheckValid(const char *name, ASOrchMemAllocFunc memAlloc,
                                           ASOrchMemFreeFunc memFree);
+/* 1 when the name is registered. */
 ASORCH_API uint32_t AutoSyncNameExisted(const char *name);
+/* Adds a node from memAlloc at the front; 1 when the name exists or the node cannot be had. */
 ASORCH_API uint32_t AutoSyncAddModule(const char *name, ASOrchMemAllocFunc memAlloc);
 ASORCH_API uint32_t AutoSyncSetNameNode(AutoSyncNameNode *node, const char *name);
 ASORCH_API void AutoSyncDelModule(const char *name, ASOrchMemFreeFunc memFree);

@@ -1,4 +1,9 @@
-/* Smoothing items of transfer messages. */
+/* Smoothing items of transfer messages: every TLV whose type is not 1, 2, 18 or 19 is a run
+ * of these items. A module only registers smoothPreProc / smoothProc in its
+ * ASOrchTblMsgTransReg; the functions below are the walk behind ASOrchMsgProc. Per item,
+ * smoothProc (when set) is called instead of the platform's RIX_ENTRY_* entry point, else
+ * smoothPreProc (when set) before it; their results are not used. They run on the
+ * ASOrchMsgProc thread, and the record they get is valid during the call only. */
 #ifndef RIX_AS_SMOOTH_H
 #define RIX_AS_SMOOTH_H
 
@@ -82,6 +87,8 @@ ASORCH_LAYOUT_ASSERT(sizeof(ASOrchLrClassRec) == 12, "LR class record is 12 byte
 typedef int32_t (*ASOrchSmoothHandler)(ASOrchHandle *handle, const ASOrchSmoothItem *item, int32_t remain,
                                        ASOrchSmoothCbFunc smoothPreProc, ASOrchSmoothCbFunc smoothProc);
 
+/* Walks one smoothing TLV; 1 (logged) when an item is unknown, has the wrong length,
+ * overruns the TLV or its platform entry point fails: the walk stops there, items before it were handled. */
 ASORCH_API uint32_t ASOrchTransTblSmooth(ASOrchHandle *handle, const ASOrchTransTlv *tlv,
                                          const ASOrchTblMsgTransCtrl *ctrl);
 ASORCH_API int32_t ASOrchSmoothMsgProc(ASOrchHandle *handle, const ASOrchSmoothItem *item, int32_t remain,

@@ -43,9 +43,9 @@ typedef struct ASOrchSyncGrpRes {
 
 /* An element of ASOrchMergeSyncGrpDatas. */
 typedef struct ASOrchSyncGrpData {
-    void *data;
-    uint32_t info;
-    uint32_t result;  /* 0, or 0x10004 when the record failed */
+    void *data;       /* the record: key (its first keyLen bytes) and data of the vector */
+    uint32_t info;    /* the caller's; not read or written */
+    uint32_t result;  /* set by the call: 0, or 0x10004 when the record failed */
 } ASOrchSyncGrpData;
 
 ASORCH_LAYOUT_ASSERT(sizeof(ASOrchSynGrpFlowCtrl) == 48, "flow control is twelve words");
@@ -59,7 +59,13 @@ struct ASOrchBasePara;
 /* Default parameter rows of the four logical groups (224 bytes on the target). */
 ASORCH_API extern const ASOrchSyncGrpPara g_rixOrchAutoSyncGrpParam[ASORCH_SYNCGRP_NUM];
 
-/* Base step "SyncGroup" and its parts. */
+/* Base step "SyncGroup" and its parts. Selects logical group i when syncGrpMsgSet[i] is
+ * non-zero (group 0 required), numbers the selected groups 0, 1, ... for the layer, registers
+ * their rows (defaults, the ASOrchAdvSet* overrides, thread ids adjusted to the threads
+ * registered) and message sets, then flow control. If the layer refuses the rows
+ * (RIX_EAL_RegSyncGroup) that is logged ("RIX_EAL reg SyncGroup Fail.", "%s, Sync group set
+ * base group fail.") and the step still succeeds: ASOrchRegBase returns 0 without those
+ * groups at the layer. A refused message set fails the step. */
 ASORCH_API uint32_t ASOrchRegSyncGrpBase(ASOrchHandle *handle, struct ASOrchBasePara *para);
 ASORCH_API uint32_t ASOrchMallocGrpRes(ASOrchHandle *handle);
 ASORCH_API void ASOrchFreeGrpRes(ASOrchHandle *handle);
@@ -78,19 +84,28 @@ ASORCH_API void ASOrchSetGrpItem(ASOrchSyncGrpPara *dst, const ASOrchSyncGrpPara
 ASORCH_API uint32_t ASOrchSyncGroupRegister(void *ealHdl, const ASOrchSyncGrpPara *rows, uint32_t count);
 ASORCH_API uint32_t ASOrchSyncGrpMsgSetBase(ASOrchHandle *handle, struct ASOrchBasePara *para);
 ASORCH_API ASOrchSyncGrpRes *ASOrchGroupGetRes(ASOrchHandle *handle);
-/* The layer's group id of a logical group (0 to 3); -1 when there is none. */
+/* The layer's group id of a logical group (0 to 3); -1 when there is none (not selected, or
+ * no step "SyncGroup" yet). */
 ASORCH_API int32_t ASOrchGetSyncGrpId(ASOrchHandle *handle, uint32_t grpIndex);
 
 /* Flow control of the registered groups; the default record goes to group 0. */
 ASORCH_API uint32_t ASOrchSetSynGrpFlowCtrl(ASOrchHandle *handle);
 
-/* Sending: messages and count pass to the layer unchanged. */
+/* Sending to the peer through logical group grpIndex (0 to 3). msgs and count pass unchanged
+ * to RIX_EAL_SyncMsg, so their format is the layer's: an array of count RIX_EAL_SyncItem
+ * {data, len} (rix_eal.h), which the layer copies; ASOrchSyncMsg sends one item (count 1).
+ * 1 with a log when the group was not selected; otherwise the layer's result unchanged.
+ * Any thread, msgProc on the DATA thread included. */
 ASORCH_API uint32_t ASOrchSyncBatchMsg(ASOrchHandle *handle, uint32_t grpIndex, void *msgs, uint32_t count);
 ASORCH_API uint32_t ASOrchSyncMsg(ASOrchHandle *handle, uint32_t grpIndex, void *msg);
 /* offset 0 is the first layer group id after the base groups. */
 ASORCH_API uint32_t ASOrchSyncMsgToGrp(ASOrchHandle *handle, uint32_t offset, void *msg);
 
-/* Feeds records into the merge path; each item's result is 0 or 0x10004. */
+/* Feeds count records (e.g. received from the peer) into the merge path: for each item,
+ * vec->key = vec->data = items[i].data, the other fields of vec (msgId, opType, keyLen,
+ * dataLen, version) as the caller set them, then ASOrchMsgMerge(handle, mergeType, vec).
+ * Each item's result is 0, or 0x10004 with a log line; a failure does not stop the loop.
+ * Writes into a merge queue: on the DATA thread, or serialised with it. */
 ASORCH_API void ASOrchMergeSyncGrpDatas(uint32_t count, ASOrchSyncGrpData *items, ASOrchMsgVec *vec,
                                         uint32_t mergeType, ASOrchHandle *handle);
 

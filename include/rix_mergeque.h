@@ -1,4 +1,9 @@
-/* Merge queue: a named, hashed, coalescing queue of fixed-size entries with one reader. */
+/* Merge queue: a named, hashed, coalescing queue of fixed-size entries with one reader.
+ * The orchestrator builds one per merge channel; a module may also use the queue on its own.
+ * A queue has no lock: its writes, reads, back-press and monitor all run on one thread, the
+ * thread of the epoll set its reader is registered in (the DATA thread for the
+ * orchestrator's queues). Only the process-wide name tree is locked. Entry data is copied in
+ * and out (dataSize bytes); the queue never keeps a caller's pointer. */
 #ifndef RIX_MERGEQUE_H
 #define RIX_MERGEQUE_H
 
@@ -9,7 +14,10 @@
 
 ASORCH_EXTERN_C_BEGIN
 
-/* The bucket hash handed to the hash service: bucket = hashFunc(key) % bucket count. */
+/* The bucket hash handed to the hash service: bucket = hashFunc(key) % bucket count. key is
+ * what the writer passed to RIX_MergeQueWrite, and getKeyFunc(stored data) when an entry is
+ * removed, so both must hash alike for the same entry. In the orchestrator's queues it is a
+ * const ASOrchMsgVec * (see ASOrchMergeReg). Required (not null). */
 typedef uint32_t (*MergeQueHashFunc)(const void *key);
 
 typedef struct MergeQueCb MergeQueCb;
@@ -19,7 +27,8 @@ typedef struct MergeQueCb MergeQueCb;
 typedef uint32_t (*MergeQueCmpFunc)(const void *stored, const void *searched, uint32_t arg);
 /* The hash key under which a stored entry's data sits. */
 typedef const void *(*MergeQueGetKeyFunc)(const void *stored);
-/* The reader's drain function, called on every wake-up; its result is not used. */
+/* The reader's drain function, called on every wake-up on the reader's thread; its result is
+ * not used. While entries remain after it the queue wakes itself again. */
 typedef uint32_t (*MergeQueSchedProcFunc)(MergeQueCb *q);
 /* Called when a write meets a pending entry of the same key, before the new data replaces
  * the stored data; it may change either. */
@@ -34,7 +43,12 @@ typedef uint32_t (*MergeQueFlowCtrlNotifyFunc)(uint32_t evtType, void *notifyPar
 #define MERGEQUE_EVT_OVER_HIGH_WATER 0u
 #define MERGEQUE_EVT_UNDER_LOW_WATER 1u
 
-/* Reader statistics: ids of g_mergeQueReaderStatDesc and slots of readerStat. */
+/* Reader statistics: ids of g_mergeQueReaderStatDesc and slots of readerStat, printed under
+ * the texts of that table. "Success Write" counts writes that made a new entry, "Success
+ * Merge" writes merged into a pending one, "Success Read" entries read, "Empty Read" the
+ * unused slots of each read (maxCnt minus the entries returned: a drain of 32 that finds 5
+ * adds 27), not wake-ups without work. "BackPress" / "UnBackPress" count the reader's
+ * removals from and returns to its epoll set. "Fail Merge" and "Fail Read" stay 0. */
 enum {
     MERGEQUE_RSTAT_SUCC_MERGE = 0,
     MERGEQUE_RSTAT_FAIL_MERGE = 1,
@@ -50,7 +64,9 @@ enum {
     MERGEQUE_RSTAT_NUM = 11
 };
 
-/* Queue statistics: ids of g_mergeQueStatDesc and slots of queStat. */
+/* Queue statistics: ids of g_mergeQueStatDesc and slots of queStat. "MergeQue MaxConflict":
+ * the most entries seen in one bucket; "MergeQue HistoryMaxCnt": the most entries pending at
+ * once; "OverHighWater" / "UnderLowWater": monitor reports. */
 enum {
     MERGEQUE_QSTAT_MAX_CONFLICT = 0,
     MERGEQUE_QSTAT_HISTORY_MAX_CNT = 1,
@@ -156,7 +172,14 @@ ASORCH_API extern MergeQueStatDesc g_mergeQueStatDesc[MERGEQUE_QSTAT_NUM];
 ASORCH_API extern MergeQueStatDesc g_mergeQueReaderStatDesc[MERGEQUE_RSTAT_NUM];
 
 /* ---- Lifecycle ---- */
+/* A queue under a process-unique name (at most 31 characters), its record from
+ * para->memAlloc, its reader registered in para->epFd at once. Null (logged) for a bad
+ * parameter (null memory or hash functions, negative epFd, hashSize 0, dataSize too large),
+ * a name in use, or a failure of the platform. */
 ASORCH_API MergeQueCb *RIX_MergeQueCreate(const char *name, const MergeQueCreatePara *para);
+/* Takes the reader out of its epoll set, closes its eventfd, frees the name, the pending
+ * entries (without calling anyone for them) and the record. On the reader's thread, or once
+ * it no longer drains this queue. */
 ASORCH_API void RIX_MergeQueDestory(MergeQueCb *q);
 ASORCH_API uint32_t RIX_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *para);
 ASORCH_API uint32_t RIX_Merge_Init(const char *name, MergeQueCb *q, const MergeQueCreatePara *para);
@@ -172,7 +195,12 @@ ASORCH_API void RIX_MergeQueHashDelete(MergeQueCb *q);
 ASORCH_API uint32_t RIX_MergeQueHashCmpFunc(void *data, const void *searched, uint32_t arg);
 
 /* ---- Write and merge (the queue's thread only) ---- */
-/* data may be changed by the queue's mergeFunc when the write merges. */
+/* Copies dataSize bytes of data into the queue; key is used for the lookup during the call
+ * and not kept. A pending entry with an equal key (cmpFunc) is merged: mergeFunc(data,
+ * stored) runs first and may change either, then data replaces the stored bytes; moveTail 1
+ * moves the entry behind all others, else it keeps its place. A new key becomes a new entry
+ * at the tail and the first entry of an empty queue wakes the reader. 1 (logged, counted as
+ * "Fail Write") when the entry cannot be allocated or added. */
 ASORCH_API uint32_t RIX_MergeQueWrite(MergeQueCb *q, const void *key, const void *data, int32_t moveTail);
 ASORCH_API uint32_t RIX_MergeQueNewWrite(MergeQueCb *q, const void *key, const void *data);
 ASORCH_API void RIX_MergeQueMergeWrite(MergeQueCb *q, const void *data, MergeQueHashData *d, int32_t moveTail);
@@ -182,9 +210,12 @@ ASORCH_API void RIX_MergeQueAttachMsgList(MergeQueCb *q, MergeQueHashData *d);
 ASORCH_API void RIX_MergeQueDetachMsgList(MergeQueCb *q, MergeQueHashData *d);
 ASORCH_API void RIX_MergeQueMsgListMoveTail(MergeQueCb *q, MergeQueHashData *d);
 
-/* ---- Readers and notification ---- */
-/* buf holds maxCnt * dataSize bytes. */
+/* ---- Readers and notification (the queue's thread only) ---- */
+/* Take up to maxCnt entries, oldest first, out of the queue; the number taken.
+ * buf holds maxCnt * dataSize bytes. */
 ASORCH_API uint32_t RIX_MergeQueRead(MergeQueCb *q, void *buf, uint32_t maxCnt);
+/* The same, handing each entry to cb: the entry is out of the queue before cb runs, so a
+ * write of the same key during cb makes a new entry; a non-zero result is logged. */
 ASORCH_API uint32_t RIX_MergeQueReadCallBack(MergeQueCb *q, uint32_t maxCnt, MergeQueReadCallBackFunc cb,
                                              void *usrData);
 ASORCH_API uint32_t RIX_MergeQueReadBase(MergeQueCb *q, uint32_t size, void *buf, uint32_t maxCnt);
@@ -199,7 +230,12 @@ ASORCH_API void RIX_MergeQueEpollUnReg(MergeQueCb *q);
  * MergeQueCb. */
 ASORCH_API uint32_t RIX_MergeQueSchedProc(int32_t fd, uint32_t events, void *ctx);
 
-/* ---- Water marks and back-pressure ---- */
+/* ---- Water marks and back-pressure ----
+ * The monitor requires highWater > lowWater and a notify function; it is called inside a
+ * write (count rises above highWater) or a read (falls below lowWater), on the queue's
+ * thread. BackPress takes the reader out of its epoll set, so writes go on merging and
+ * nothing drains; UnBackPress puts it back (para, when not null, receives the word given to
+ * BackPress). */
 ASORCH_API uint32_t RIX_MergeQueMonitorReg(MergeQueCb *q, const MergeQueMonitorAttr *attr);
 ASORCH_API uint32_t RIX_MergeQueMonitorCheck(const MergeQueCb *q, const MergeQueMonitorAttr *attr);
 ASORCH_API void RIX_MergeQueMonitorWrite(MergeQueCb *q);
@@ -207,7 +243,9 @@ ASORCH_API void RIX_MergeQueMonitorRemove(MergeQueCb *q);
 ASORCH_API uint32_t RIX_MergeQueBackPress(MergeQueCb *q, uint32_t para);
 ASORCH_API uint32_t RIX_MergeQueUnBackPress(MergeQueCb *q, uint32_t *para);
 
-/* ---- Statistics and diagnostic printing ---- */
+/* ---- Statistics and diagnostic printing ----
+ * The printers read the counters without a lock: call them on the queue's thread or while
+ * the queue is quiet. ListAll and Info take the name-tree lock to find the queues. */
 ASORCH_API const char *RIX_MergeQueGetStatDesc(uint32_t id);
 ASORCH_API const char *RIX_MergeQueGetReaderStatDesc(uint32_t id);
 ASORCH_API void RIX_MergeQueSetTimeStamp(MergeQueTimeStamp *stamp);

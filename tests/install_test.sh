@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Installs a build tree into a temporary prefix, checks what landed there, and builds and runs
-# an example module against the installed tree through find_package and through pkg-config.
+# an example module and tests/newcomer_module.c (a module written from the README and headers
+# alone) against the installed tree through find_package and through pkg-config.
 # Usage: install_test.sh BUILD_DIR EXAMPLE_C C_COMPILER [TOOLCHAIN_FILE] [EMULATOR] [SANITIZERS]
 set -euo pipefail
 
 build=$1 example=$2 cc=$3 toolchain=${4:-} emulator=${5:-} sanitize=${6:-}
+newcomer=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/newcomer_module.c
 work=$(mktemp -d "${TMPDIR:-/tmp}/rix-install.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
@@ -37,9 +39,10 @@ done
 [[ -f $libdir/cmake/rix_autosync_orch/rix_autosync_orch-config.cmake ]] || fail "CMake package not installed"
 [[ -f $libdir/pkgconfig/rix_autosync_orch.pc && -f $libdir/pkgconfig/rix_platform.pc ]] || fail "pkg-config files not installed"
 
+# run NAME BINARY: runs it and expects its "NAME: ok" line.
 run() {
-    "${emu[@]}" "$@" >"$work/run.log" 2>&1 || { cat "$work/run.log"; fail "$1 failed"; }
-    grep -q "minimal_module: ok" "$work/run.log" || { cat "$work/run.log"; fail "$1 did not report ok"; }
+    "${emu[@]}" "$2" >"$work/run.log" 2>&1 || { cat "$work/run.log"; fail "$2 failed"; }
+    grep -q "^$1: ok" "$work/run.log" || { cat "$work/run.log"; fail "$2 did not report ok"; }
 }
 
 # find_package
@@ -50,6 +53,10 @@ project(rix_consumer C)
 find_package(rix_autosync_orch 1.0 REQUIRED COMPONENTS platform)
 add_executable(minimal_module "$example")
 target_link_libraries(minimal_module PRIVATE rix_autosync_orch::rix_autosync_orch rix_autosync_orch::rix_utils_base)
+add_executable(newcomer_module "$newcomer")
+set_target_properties(newcomer_module PROPERTIES C_STANDARD 11 C_EXTENSIONS OFF)
+target_compile_options(newcomer_module PRIVATE -Wall -Wextra -Werror)
+target_link_libraries(newcomer_module PRIVATE rix_autosync_orch::rix_autosync_orch)
 CMAKE
 cfg=(-S "$work/consumer" -B "$work/consumer/build" -DCMAKE_C_COMPILER="$cc")
 if [[ -n $toolchain ]]; then
@@ -63,7 +70,8 @@ if ((${#san_flags[@]})); then
 fi
 cmake "${cfg[@]}" >"$work/consumer.log" 2>&1 || { cat "$work/consumer.log"; fail "find_package consumer did not configure"; }
 cmake --build "$work/consumer/build" >>"$work/consumer.log" 2>&1 || { cat "$work/consumer.log"; fail "find_package consumer did not build"; }
-run "$work/consumer/build/minimal_module"
+run minimal_module "$work/consumer/build/minimal_module"
+run newcomer_module "$work/consumer/build/newcomer_module"
 echo "install_test: find_package build ok"
 
 # pkg-config, searching only the installed tree
@@ -72,5 +80,13 @@ flags=$(pkg-config --cflags --libs rix_autosync_orch rix_platform) || fail "pkg-
 # shellcheck disable=SC2086
 "$cc" -std=c11 -Wall -Wextra -Werror "${san_flags[@]}" "$example" $flags -Wl,-rpath,"$libdir" \
     -o "$work/minimal_pc" || fail "pkg-config build failed"
-run "$work/minimal_pc"
+run minimal_module "$work/minimal_pc"
+# The orchestrator's package alone must bring the platform's headers and libraries along.
+orch_flags=$(pkg-config --cflags --libs rix_autosync_orch) || fail "pkg-config does not resolve rix_autosync_orch alone"
+[[ $orch_flags == *"/include/rix_platform"* ]] || fail "rix_autosync_orch.pc does not bring the platform's headers: $orch_flags"
+# shellcheck disable=SC2086
+"$cc" -std=c11 -Wall -Wextra -Werror "${san_flags[@]}" "$newcomer" $orch_flags \
+    -Wl,-rpath,"$(pkg-config --variable=libdir rix_autosync_orch)" -o "$work/newcomer_pc" ||
+    fail "pkg-config build of the newcomer module failed"
+run newcomer_module "$work/newcomer_pc"
 echo "install_test: pkg-config build ok"
