@@ -3,15 +3,15 @@
 #ifndef RIX_AS_CORE_INT_HASH_H
 #define RIX_AS_CORE_INT_HASH_H
 
+#include "core/divisor.h"
 #include "rix_as_names.h"
 
 namespace asorch {
 
 inline ASList *BucketOf(const ASIntHash *hash, uint32_t key)
 {
-    const auto n = static_cast<uint32_t>(hash->bucketNum);
     // The library's own tables have power-of-two counts: a mask, not a division (a call on ARMv7).
-    const uint32_t i = (n & (n - 1u)) == 0u ? (key & (n - 1u)) : key % n;
+    const uint32_t i = ModUnprepared(key, static_cast<uint32_t>(hash->bucketNum));
     // The cast drops const only to hand out a head the caller may link into.
     return const_cast<ASList *>(&hash->bucket[i]);
 }

@@ -175,7 +175,7 @@ ASORCH_API ASOrchMergeHandle *ASOrchCreatMergeHandle(ASOrchHandle *handle, const
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, %u init auto sync merge handle failed.", handle->name, chan);
         return nullptr;
     }
-    asmerge::BlockOf(block)->bucket[chan] = asmerge::BucketDivisor(block[chan].hashSize);
+    asmerge::BlockOf(block)->bucket[chan] = asorch::MakeDivisor(block[chan].hashSize);
     RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, %u Orch auto sync create merge handle ok.", handle->name, chan);
     return block;
 }

@@ -90,9 +90,9 @@ ASORCH_API uint32_t ASOrchMergeHashFunc(ASOrchHandle *handle, uint32_t chan, con
     h ^= h >> 17;
     const uint32_t x = vec->msgId + vec->version + h * 33u;
     const ASOrchMergeHandle &entry = handle->mergeHandle[chan];
-    const asmerge::BucketCount &bucket = asmerge::BlockOf(handle->mergeHandle)->bucket[chan];
+    const asorch::Divisor &bucket = asmerge::BlockOf(handle->mergeHandle)->bucket[chan];
     // An entry set up outside the library's own registration has no prepared count.
-    return bucket.size == entry.hashSize ? asmerge::Reduce(x, bucket) : x % entry.hashSize;
+    return bucket.d == entry.hashSize ? asorch::Mod(x, bucket) : asorch::ModUnprepared(x, entry.hashSize);
 }
 
 }

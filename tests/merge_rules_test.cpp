@@ -2,7 +2,7 @@
 #include <cstring>
 #include <random>
 
-#include "merge/merge_block.h"
+#include "core/divisor.h"
 #include "test_support.h"
 
 namespace {
@@ -66,20 +66,22 @@ TEST_F(MergeHashTest, KeyIdentityAndPinnedBucketHash)
     handle.mergeHandle = built;
 }
 
-// The division-free reduction agrees with % for every size class and the edges of each.
-TEST(MergeRulesTest, BucketReductionEqualsTheRemainder)
+// The division-free forms agree with / and % for every size class and the edges of each.
+TEST(MergeRulesTest, DivisionFreeFormsEqualTheOperators)
 {
     std::mt19937 rng(7u);
     const uint32_t sizes[] = {1u, 2u, 3u, 7u, 1000u, 1023u, 1024u, 4097u, 8192u, 65535u, 100003u, 0x7FFFFFFFu,
                               0x80000000u, 0xFFFFFFFFu};
     for (uint32_t size : sizes) {
-        const asmerge::BucketCount b = asmerge::BucketDivisor(size);
+        const asorch::Divisor div = asorch::MakeDivisor(size);
         std::vector<uint32_t> xs = {0u, 1u, size - 1u, size, size + 1u, 2u * size - 1u, 0xFFFFFFFFu, 0xFFFFFFFEu};
         for (int i = 0; i < 20000; ++i) {
             xs.push_back(rng());
         }
         for (uint32_t x : xs) {
-            ASSERT_EQ(asmerge::Reduce(x, b), x % size) << x << " % " << size;
+            ASSERT_EQ(asorch::Mod(x, div), x % size) << x << " % " << size;
+            ASSERT_EQ(asorch::Div(x, div), x / size) << x << " / " << size;
+            ASSERT_EQ(asorch::ModUnprepared(x, size), x % size) << x << " % " << size;
         }
     }
 }
