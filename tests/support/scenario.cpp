@@ -281,6 +281,8 @@ void UnpackFree(ASOrchUnpackResult *) { ++g_books.unpackFrees; }
 
 void Notify() { ++g_books.notifies; }
 
+void TimerTick(uintptr_t) { Fault("the timer came due"); }
+
 template <uint32_t Chan>
 uint32_t Hash(const void *k)
 {
@@ -389,6 +391,9 @@ ASOrchHandle *Create(const char *name, bool mb, Regs &regs, bool *registered)
                 Fault("ASOrchRegBase succeeded without merge queue " + std::to_string(chan));
             }
         }
+        // A timer that never comes due here: its descriptor must go with the instance.
+        Checked("ASOrchTimerInit", ASOrchTimerInit(h, 600000u, reinterpret_cast<uintptr_t>(&TimerTick), 0u,
+                                                   ASORCH_THREAD_DATA));
         if (Checked("ASOrchInit", ASOrchInit(h)) == 0u) {
             Checked("ASOrchModInitOk", ASOrchModInitOk(h));
         }
