@@ -9,6 +9,7 @@
 // nothing else (the library has asked for its release and holds no other way to free it).
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>

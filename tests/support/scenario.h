@@ -14,16 +14,9 @@
 namespace rixtest {
 
 struct ScenarioReport {
-    // Set when every call of the scenario succeeded and every check of a clean run held.
-    bool clean = false;
     // Broken promises, whatever failed underneath: a record delivered twice, out of order or
     // corrupt, a result code outside the specified ones, a callback after destroy.
     std::vector<std::string> faults;
-    // Books of the clean run (compared against fixed expectations inside RunScenario).
-    uint32_t delivered = 0;
-    uint32_t coalesced = 0;
-    uint32_t backPresses = 0;  // channel and sync group
-    uint32_t releases = 0;
 };
 
 // Resets the stand-ins and the counting allocator and captures log lines; the caller arms
