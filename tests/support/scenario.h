@@ -15,7 +15,7 @@ namespace rixtest {
 
 struct ScenarioReport {
     // Broken promises, whatever failed underneath: a record delivered twice, out of order or
-    // corrupt, a result code outside the specified ones, a callback after destroy.
+    // corrupt, a result code the interface does not give, a callback after destroy.
     std::vector<std::string> faults;
 };
 
