@@ -32,6 +32,17 @@ ASORCH_API uint32_t AutoSyncNameExisted(const char *name)
     return 0u;
 }
 
+namespace {
+
+void LinkFirst(AutoSyncNameNode *node)
+{
+    node->next = g_AutoSyncCtrlBlkNameHead.first;
+    g_AutoSyncCtrlBlkNameHead.first = node;
+    ++g_AutoSyncCtrlBlkNameHead.count;
+}
+
+}  // namespace
+
 ASORCH_API uint32_t AutoSyncSetNameNode(AutoSyncNameNode *node, const char *name)
 {
     if (node == nullptr || name == nullptr) {
@@ -41,9 +52,7 @@ ASORCH_API uint32_t AutoSyncSetNameNode(AutoSyncNameNode *node, const char *name
     if (ret != 0) {
         return static_cast<uint32_t>(ret);
     }
-    node->next = g_AutoSyncCtrlBlkNameHead.first;
-    g_AutoSyncCtrlBlkNameHead.first = node;
-    ++g_AutoSyncCtrlBlkNameHead.count;
+    LinkFirst(node);
     return ASORCH_OK;
 }
 
@@ -52,18 +61,20 @@ ASORCH_API uint32_t AutoSyncAddModule(const char *name, ASOrchMemAllocFunc memAl
     if (name == nullptr || memAlloc == nullptr || AutoSyncNameExisted(name) != 0u) {
         return ASORCH_ERR;
     }
-    // Checked before allocating: a node whose name cannot be stored could not be given back.
-    if (strnlen(name, AUTOSYNC_NAME_NODE_NAME_SIZE) >= AUTOSYNC_NAME_NODE_NAME_SIZE) {
+    // The node is made up on the stack first: there is no release function here, so nothing
+    // may fail between the allocation and the link.
+    AutoSyncNameNode made;
+    if (memset_s(&made, sizeof(made), 0, sizeof(made)) != 0 ||
+        strcpy_s(made.name, sizeof(made.name), name) != 0) {
         return ASORCH_ERR;
     }
     auto *node = static_cast<AutoSyncNameNode *>(memAlloc(sizeof(AutoSyncNameNode)));
     if (node == nullptr) {
         return ASORCH_ERR;
     }
-    if (memset_s(node, sizeof(*node), 0, sizeof(*node)) != 0) {
-        return ASORCH_ERR;
-    }
-    return AutoSyncSetNameNode(node, name) == ASORCH_OK ? ASORCH_OK : ASORCH_ERR;
+    *node = made;
+    LinkFirst(node);
+    return ASORCH_OK;
 }
 
 ASORCH_API void AutoSyncDelNode(AutoSyncNameNode *prev, AutoSyncNameNode *node, ASOrchMemFreeFunc memFree)

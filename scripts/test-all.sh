@@ -9,6 +9,9 @@
 #   RIX_VALGRIND_EXCLUDE  ctest -E regex of tests left out under valgrind (default: stress tests,
 #                     and runs that start valgrind or cmake themselves)
 #   RIX_FUZZ_SECONDS  length of the fuzzing run after the corpus replay (default 120)
+#   RIX_SOAK_SECONDS  length of the merge soak (default 10 s in the ASan stage, 3 s under TSan)
+# The ASan stage also runs the allocation- and platform-failure sweeps (ctest label "sweep"),
+# which fork one process per failure site; they are registered in sanitizer builds only.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 

@@ -105,6 +105,18 @@ struct TransKind {
     static constexpr const char *kAddFail = "Orch autosync trans add HashNode(%u) fail";
 };
 
+// The release walk reaches blocks only through hashed nodes: a block that opened the chain
+// and had none of its nodes hashed is given back here, or nothing would ever find it.
+template <class Ctrl>
+uint32_t FillFailed(ASOrchHandle *handle, Node<Ctrl> *nodes, uint32_t hashed)
+{
+    NodeBlock *block = nodes[0].block;
+    if (hashed == 0 && block->first == block && handle->memFree != nullptr) {
+        handle->memFree(block);
+    }
+    return ASORCH_ERR;
+}
+
 template <class Kind>
 uint32_t Fill(ASOrchHandle *handle, ASIntHash *hash, const ASOrchTblMsgList *list, uint32_t isFes)
 {
@@ -123,13 +135,13 @@ uint32_t Fill(ASOrchHandle *handle, ASIntHash *hash, const ASOrchTblMsgList *lis
         if (memset_s(&node.ctrl, sizeof(node.ctrl), 0, sizeof(node.ctrl)) != 0 ||
             memcpy_s(&node.ctrl, sizeof(node.ctrl), &src[i], sizeof(Reg)) != 0) {
             RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s", Kind::kNoNode);
-            return ASORCH_ERR;
+            return FillFailed(handle, nodes, i);
         }
         Kind::Complete(node.ctrl, isFes);
         node.hashNode.key = Kind::Key(node.ctrl);
         if (ASIntHashAdd(hash, &node.hashNode) != 0) {
             RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, Kind::kAddFail, node.hashNode.key);
-            return ASORCH_ERR;
+            return FillFailed(handle, nodes, i);
         }
     }
     return ASORCH_OK;

@@ -45,6 +45,13 @@ TEST_F(NamesTest, RegistryKeepsNewestFirstAndUnlinksAnyPosition)
     rixtest::FailAllocNth(1);
     EXPECT_EQ(1u, AutoSyncAddModule("N", CountingAlloc));
     EXPECT_EQ(0u, AutoSyncNameExisted("N"));
+    // A failing bounded call keeps nothing: no node linked, none held.
+    for (const char *op : {"memset_s", "strcpy_s"}) {
+        RIX_TEST_FailNth(op, 1);
+        EXPECT_EQ(1u, AutoSyncAddModule("N", CountingAlloc)) << op;
+        EXPECT_EQ(0u, AutoSyncNameExisted("N")) << op;
+        EXPECT_EQ(0, rixtest::LiveAllocations()) << op;
+    }
 
     char dst[8] = "keep";  // joining needs room for the terminator or leaves dst alone
     EXPECT_EQ(1u, ASCombineName(dst, 4u, "ab", "cd"));

@@ -128,6 +128,13 @@ TEST_F(RecvTest, RegistryRefusesDuplicatesAndGivesEverythingBack)
     ASSERT_EQ(Register({Plain(5, 4)}), 1u);
     EXPECT_TRUE(rixtest::HasLine("Orch auto sync recv tbl msg failed to new HashNode"));
     EXPECT_EQ(rixtest::LiveAllocations(), base_);
+    // Nor a bounded copy failing on the first node, before any node of the block is hashed.
+    for (const char *op : {"memset_s", "memcpy_s"}) {
+        RIX_TEST_FailNth(op, 1);
+        ASSERT_EQ(Register({Plain(5, 4), Plain(6, 4)}), 1u) << op;
+        EXPECT_EQ(rixtest::LiveAllocations(), base_) << op;
+    }
+    RIX_TEST_Reset();
 
     // Keys equal modulo 128 share a bucket and are all found; no mb role, no registry.
     ASSERT_EQ(Register({Plain(5, 4), Plain(133, 4)}, {Plain(261, 4)}), 0u);

@@ -113,6 +113,8 @@ RIX_PLAT_API const char *RIX_TEST_EntryCall(uint32_t i, const void **record, uin
  * do not count). */
 RIX_PLAT_API uint32_t RIX_TEST_HashBlocksInUse(void);
 RIX_PLAT_API uint32_t RIX_TEST_HashSystemAllocs(void);
+/* Hash tables created and not yet deleted. */
+RIX_PLAT_API uint32_t RIX_TEST_HashTableCount(void);
 
 RIX_PLAT_EXTERN_C_END
 

@@ -15,6 +15,7 @@ std::mutex g_allocMu;
 AllocStats g_stats{};
 uint64_t g_failAt = 0;     // allocation number that fails
 bool g_failAlways = false;
+uint64_t g_failFrom = 0;   // first allocation number of a lasting failure
 uint64_t g_seen = 0;
 
 struct Header {
@@ -30,7 +31,7 @@ void *CountingAlloc(uint32_t size)
 {
     std::lock_guard<std::mutex> lock(g_allocMu);
     ++g_seen;
-    if (g_failAlways || (g_failAt != 0 && g_seen == g_failAt)) {
+    if (g_failAlways || (g_failAt != 0 && g_seen == g_failAt) || (g_failFrom != 0 && g_seen >= g_failFrom)) {
         ++g_stats.failed;
         return nullptr;
     }
@@ -80,6 +81,7 @@ void ResetAllocStats()
     g_stats = AllocStats{};
     g_failAt = 0;
     g_failAlways = false;
+    g_failFrom = 0;
     g_seen = 0;
 }
 
@@ -87,6 +89,12 @@ void FailAllocNth(uint64_t nth)
 {
     std::lock_guard<std::mutex> lock(g_allocMu);
     g_failAt = nth == 0 ? 0 : g_seen + nth;
+}
+
+void FailAllocFrom(uint64_t nth)
+{
+    std::lock_guard<std::mutex> lock(g_allocMu);
+    g_failFrom = nth == 0 ? 0 : g_seen + nth;
 }
 
 void FailAllocAlways(bool on)

@@ -30,6 +30,7 @@ int64_t LiveAllocations();            // allocs - frees
 void ResetAllocStats();
 void FailAllocNth(uint64_t nth);      // the nth allocation from now (1 = next) returns null; 0 disarms
 void FailAllocAlways(bool on);
+void FailAllocFrom(uint64_t nth);     // the nth allocation from now and every later one fail; 0 disarms
 
 // Create parameters that use the counting allocator.
 ASOrchCreatePara CountingCreatePara();

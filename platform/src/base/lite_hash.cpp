@@ -375,4 +375,14 @@ uint32_t RIX_TEST_HashBlocksInUse(void)
 }
 uint32_t RIX_TEST_HashSystemAllocs(void) { return g_systemAllocs.load(std::memory_order_relaxed); }
 
+uint32_t RIX_TEST_HashTableCount(void)
+{
+    std::lock_guard<std::mutex> lock(g_tablesMutex);
+    uint32_t n = 0;
+    for (Table *t = g_tables; t != nullptr; t = t->nextTable) {
+        ++n;
+    }
+    return n;
+}
+
 }  // extern "C"

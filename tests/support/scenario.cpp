@@ -1,0 +1,833 @@
+#include "scenario.h"
+
+#include <dirent.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace rixtest {
+namespace {
+
+// ---- Records: key, version of the key, state, check word ----
+constexpr uint32_t kRecSize = 16u;
+constexpr uint32_t kKeySize = 4u;
+
+uint32_t Mix(uint32_t a, uint32_t b)
+{
+    uint32_t h = a * 0x9E3779B1u ^ (b + 0x7F4A7C15u + (a << 6) + (a >> 2));
+    h ^= h >> 15;
+    h *= 0x2C1B3C6Du;
+    return h ^ (h >> 12);
+}
+
+struct Rec {
+    uint32_t key, ver, state, check;
+};
+static_assert(sizeof(Rec) == kRecSize);
+
+Rec MakeRec(uint32_t key, uint32_t ver)
+{
+    const uint32_t state = Mix(key, ver);
+    return {key, ver, state, Mix(Mix(key, ver), state)};
+}
+
+uint32_t Rd32(const void *p)
+{
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+
+using Bytes = std::vector<uint8_t>;
+void Put32(Bytes &b, uint32_t v)
+{
+    const auto *p = reinterpret_cast<const uint8_t *>(&v);
+    b.insert(b.end(), p, p + 4);
+}
+void PutRec(Bytes &b, const Rec &r)
+{
+    for (uint32_t w : {r.key, r.ver, r.state, r.check}) Put32(b, w);
+}
+
+// ---- Ids ----
+constexpr uint32_t kMsgRouteAdd = 0x10001u;  // DAM, plain, merged
+constexpr uint32_t kMsgRouteDel = 0x10002u;  // DAM, plain, merged as deletes
+constexpr uint32_t kMsgArp = 0x10003u;       // processed at once in the DAM table
+constexpr uint32_t kMsgNhp = 0x10011u;       // FES, serially packed, merged
+constexpr uint32_t kMsgFesNow = 0x10012u;    // processed at once in the FES table
+constexpr uint32_t kMsgStats = 0x10021u;     // the module's own function, whole run
+constexpr uint32_t kMmDam = 0x20001u, kMmArp = 0x20003u, kMmFes = 0x20011u, kMmFesNow = 0x20012u;
+constexpr uint32_t kNhpOpType = 0x11u;
+constexpr uint32_t kTblDam = 0x101u, kTblComp = 0x103u, kTblFes = 0x201u;
+constexpr uint32_t kTblSmoothPlat = 0x301u, kTblSmoothOwn = 0x302u;
+constexpr uint32_t kTransTables = 0x7F7F7F71u, kTransSmooth = 0x7F7F7F72u;
+constexpr uint32_t kEntry = 16u;
+
+// ---- The books, shared with the callbacks ----
+uint32_t Combine(uint32_t pending, uint32_t arriving)
+{
+    uint32_t merged = arriving;
+    if (arriving != 3u) {
+        (void)ASOrchGetMergeRule(pending, arriving, &merged);
+    }
+    return merged;
+}
+
+// One merge queue of one orchestrator, seen from the module.
+struct QueueBook {
+    struct Pending {
+        uint32_t ver, op;
+    };
+    std::deque<uint32_t> order;  // pending keys, first arrival first
+    std::map<uint32_t, Pending> pending;
+    std::map<uint32_t, uint32_t> lastVer;  // last delivered version per key
+    uint32_t offered = 0, coalesced = 0, delivered = 0;
+
+    void Offer(const Rec &r, uint32_t op)
+    {
+        ++offered;
+        auto it = pending.find(r.key);
+        if (it != pending.end()) {
+            ++coalesced;
+            it->second = {r.ver, Combine(it->second.op, op)};
+            return;
+        }
+        pending[r.key] = {r.ver, op};
+        order.push_back(r.key);
+    }
+};
+
+struct Books {
+    ScenarioReport *report = nullptr;
+    bool strict = false;
+    ASOrchHandle *mod = nullptr;
+    ASOrchHandle *peer = nullptr;
+    bool modGone = false, peerGone = false;
+    QueueBook queues[2][2];  // [mod, peer][DAM, FES]
+    uint32_t immediate = 0, userDef = 0, tableEntries = 0, compTables = 0, smoothPre = 0, smoothOwn = 0;
+    uint32_t unpacks = 0, unpackFrees = 0;
+    std::vector<std::pair<uint32_t, Bytes>> synced;  // layer group id, item
+};
+Books g_books;
+
+void Fault(const std::string &what)
+{
+    if (g_books.report != nullptr && g_books.report->faults.size() < 20u) {
+        g_books.report->faults.push_back(what);
+    }
+}
+
+// A result the interface can give: 0 or 1.
+uint32_t Checked(const char *call, uint32_t r)
+{
+    if (r > 1u) {
+        Fault(std::string(call) + " returned " + std::to_string(r));
+    }
+    return r;
+}
+
+int OrchIndex(ASOrchHandle *h)
+{
+    if (h != nullptr && h == g_books.mod) {
+        return g_books.modGone ? -2 : 0;
+    }
+    if (h != nullptr && h == g_books.peer) {
+        return g_books.peerGone ? -2 : 1;
+    }
+    return -1;
+}
+
+bool CheckedCallback(ASOrchHandle *h, const char *what, int *idx)
+{
+    *idx = OrchIndex(h);
+    if (*idx == -2) {
+        Fault(std::string(what) + " called after ASOrchDestroy returned");
+        return false;
+    }
+    if (*idx < 0) {
+        Fault(std::string(what) + " called with an unknown handle");
+        return false;
+    }
+    return true;
+}
+
+uint32_t Merged(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
+{
+    int o = 0;
+    if (!CheckedCallback(h, "msgProc", &o)) {
+        return 1u;
+    }
+    const int q = v->msgId == kMmDam ? 0 : v->msgId == kMmFes ? 1 : -1;
+    Rec r{};
+    if (q < 0 || v->opType != slot || v->keyLen != kKeySize || v->dataLen != kRecSize || v->key == nullptr ||
+        v->data == nullptr) {
+        Fault("malformed vector msgId " + std::to_string(v->msgId) + " opType " + std::to_string(v->opType));
+        return 1u;
+    }
+    std::memcpy(&r, v->data, sizeof(r));
+    if (r.check != Mix(Mix(r.key, r.ver), r.state) || Rd32(v->key) != r.key) {
+        Fault("corrupt record delivered, key " + std::to_string(Rd32(v->key)));
+        return 1u;
+    }
+    QueueBook &b = g_books.queues[o][q];
+    auto last = b.lastVer.find(r.key);
+    if (last != b.lastVer.end() && r.ver <= last->second) {
+        Fault("key " + std::to_string(r.key) + " delivered twice or out of order: version " + std::to_string(r.ver) +
+              " after " + std::to_string(last->second));
+    }
+    b.lastVer[r.key] = r.ver;
+    ++b.delivered;
+    if (g_books.strict) {
+        auto p = b.pending.find(r.key);
+        if (p == b.pending.end() || b.order.empty() || b.order.front() != r.key) {
+            Fault("key " + std::to_string(r.key) + " delivered out of first-arrival order");
+        } else if (p->second.ver != r.ver || p->second.op != v->opType) {
+            Fault("key " + std::to_string(r.key) + " delivered version " + std::to_string(r.ver) + " op " +
+                  std::to_string(v->opType) + ", last offered " + std::to_string(p->second.ver) + " op " +
+                  std::to_string(p->second.op));
+        }
+        if (p != b.pending.end()) {
+            b.pending.erase(p);
+        }
+        if (!b.order.empty() && b.order.front() == r.key) {
+            b.order.pop_front();
+        }
+    }
+    // What comes out is synced on: the mb role to the other orchestrator, the other back.
+    uint8_t item[4 + kRecSize];
+    std::memcpy(item, &v->opType, 4);
+    std::memcpy(item + 4, v->data, kRecSize);
+    RIX_EAL_SyncItem sync{item, sizeof(item)};
+    Checked("ASOrchSyncMsg", ASOrchSyncMsg(h, q == 0 ? 0u : 2u, &sync));
+    return 0u;
+}
+uint32_t Merged0(ASOrchHandle *h, ASOrchMsgVec *v) { return Merged(h, v, 0u); }
+uint32_t Merged1(ASOrchHandle *h, ASOrchMsgVec *v) { return Merged(h, v, 1u); }
+uint32_t Merged2(ASOrchHandle *h, ASOrchMsgVec *v) { return Merged(h, v, 2u); }
+uint32_t Merged3(ASOrchHandle *h, ASOrchMsgVec *v) { return Merged(h, v, 3u); }
+
+uint32_t Immediate(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    int o = 0;
+    if (!CheckedCallback(h, "immediate msgProc", &o)) {
+        return 1u;
+    }
+    Rec r{};
+    if (v->data == nullptr || v->dataLen != kRecSize) {
+        Fault("malformed immediate vector");
+        return 1u;
+    }
+    std::memcpy(&r, v->data, sizeof(r));
+    if (r.check != Mix(Mix(r.key, r.ver), r.state)) {
+        Fault("corrupt immediate record");
+    }
+    ++g_books.immediate;
+    return 0u;
+}
+
+uint32_t UserDef(ASOrchHandle *h, void *records, uint32_t num, ASOrchTblProcInfo *)
+{
+    int o = 0;
+    if (!CheckedCallback(h, "userDefProc", &o) || (num != 0u && records == nullptr)) {
+        return 1u;
+    }
+    g_books.userDef += num;
+    return 0u;
+}
+
+uint32_t TableProc(ASOrchHandle *h, void *tables, uint32_t nums, uint32_t tblSize, ASOrchTblProcInfo *)
+{
+    int o = 0;
+    if (!CheckedCallback(h, "tblMsgProc", &o) || tables == nullptr) {
+        return 1u;
+    }
+    if (tblSize == kEntry) {
+        g_books.tableEntries += nums;
+    } else {
+        ++g_books.compTables;
+    }
+    return 0u;
+}
+
+uint32_t SmoothPre(uint32_t, uint32_t, void *, uint32_t)
+{
+    ++g_books.smoothPre;
+    return 0u;
+}
+uint32_t SmoothOwn(uint32_t, uint32_t, void *, uint32_t)
+{
+    ++g_books.smoothOwn;
+    return 0u;
+}
+
+// Serial form: {msgId, count} {opType, 0} then records; the result points into the body.
+void Unpack(void *data, uint32_t len, ASOrchUnpackResult *res, ASOrchMsg *)
+{
+    ++g_books.unpacks;
+    res->opType = Rd32(static_cast<uint8_t *>(data) + 8);
+    res->ipcNum = (len - 16u) / kRecSize;
+    res->ipcBuf = static_cast<uint8_t *>(data) + 16;
+}
+void UnpackFree(ASOrchUnpackResult *) { ++g_books.unpackFrees; }
+
+void Notify() {}
+
+void TimerTick(uintptr_t) { Fault("the timer came due"); }
+
+template <uint32_t Chan>
+uint32_t Hash(const void *k)
+{
+    auto *v = static_cast<const ASOrchMsgVec *>(k);
+    return ASOrchMergeHashFunc(static_cast<ASOrchHandle *>(v->usrData), Chan, v);
+}
+
+void CollectSync(void *, uint32_t grpId, const RIX_EAL_SyncItem *items, uint32_t count)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        const auto *p = static_cast<const uint8_t *>(items[i].data);
+        g_books.synced.emplace_back(grpId, Bytes(p, p + items[i].len));
+    }
+}
+
+// ---- Registration ----
+ASOrchTblMsgRecvReg Recv(uint32_t mergeMsgId, uint32_t msgId, uint32_t mergeType, uint32_t mergeOpType = 0u,
+                         ASOrchRecvProcFunc userDef = nullptr)
+{
+    return {mergeMsgId, msgId, 0u, nullptr, nullptr, kRecSize, mergeType, userDef, mergeOpType, kKeySize};
+}
+
+struct Regs {
+    ASOrchTblMsgRecvReg recv0[5];
+    ASOrchTblMsgRecvReg recv1[1];
+    ASOrchTblMsgTransReg trans0[3];
+    ASOrchTblMsgTransReg trans1[2];
+    ASOrchMergeMsg dam[2];
+    ASOrchMergeMsg fes[2];
+};
+
+void AdvSettings(ASOrchHandle *h)
+{
+    ASOrchSynGrpFlowCtrl fc{};
+    fc.word[6] = 0x8000u;
+    fc.word[7] = 0x6000u;
+    Checked("ASOrchAdvSetSynGrpVerifyInterVal", ASOrchAdvSetSynGrpVerifyInterVal(h, 2u, 500u));
+    Checked("ASOrchAdvSetSynGrpNotifyFunc", ASOrchAdvSetSynGrpNotifyFunc(h, 0u, Notify));
+    Checked("ASOrchAdvSetSynGrpFlowCtrl", ASOrchAdvSetSynGrpFlowCtrl(h, 2u, &fc));
+    Checked("ASOrchSetOndemandParam", ASOrchSetOndemandParam(h, ASOrchOndemandPara{{3u, 4u}}));
+}
+
+ASOrchBasePara Base(Regs &r, bool mb)
+{
+    ASOrchBasePara bp{};
+    if (mb) {
+        Checked("ASOrchThreadSet", ASOrchThreadSet(&bp.threadMask, 2u, ASORCH_THREAD_DATA, ASORCH_THREAD_EVENT));
+    } else {
+        Checked("ASOrchThreadSet", ASOrchThreadSet(&bp.threadMask, 2u, ASORCH_THREAD_DATA, ASORCH_THREAD_SYNC));
+    }
+    bp.modStateRsp[0] = 1u;
+    bp.syncGrpMsgSet[0] = 0x0101u;
+    bp.syncGrpMsgSet[2] = 0x0202u;
+    bp.reservePort[0] = 0x2F00u;
+    bp.reservePort[1] = 1u;
+    for (uint32_t c = 0; c < ASORCH_CHAN_NUM; ++c) {
+        if (mb || c == ASORCH_CHAN_UP) {
+            bp.chanPort[c] = {0x1F90u + c, c};
+        }
+    }
+    r.recv0[0] = Recv(kMmDam, kMsgRouteAdd, 0u);
+    r.recv0[1] = Recv(kMmDam, kMsgRouteDel, 0u, 1u);
+    r.recv0[2] = Recv(kMmArp, kMsgArp, 4u);
+    r.recv0[3] = Recv(kMmFes, kMsgNhp, 1u);
+    r.recv0[3].opType = kNhpOpType;
+    r.recv0[3].unpackFunc = Unpack;
+    r.recv0[3].unpackFreeFunc = UnpackFree;
+    r.recv0[4] = Recv(kMmFesNow, kMsgFesNow, 5u);
+    r.recv1[0] = Recv(0u, kMsgStats, 5u, 0u, UserDef);
+    bp.recvTblMsg[0] = {r.recv0, 5u};
+    bp.recvTblMsg[1] = {r.recv1, 1u};
+    r.trans0[0] = {kTblDam, kEntry, nullptr, nullptr, 0xD0u, TableProc};
+    r.trans0[1] = {kTblComp, 0u, nullptr, nullptr, 0xC0u, TableProc};
+    r.trans0[2] = {kTblSmoothPlat, 0u, SmoothPre, nullptr, 0u, nullptr};
+    r.trans1[0] = {kTblFes, kEntry, nullptr, nullptr, 0xF0u, TableProc};
+    r.trans1[1] = {kTblSmoothOwn, 0u, SmoothPre, SmoothOwn, 0u, nullptr};
+    bp.transTblMsg[0] = {r.trans0, 3u};
+    bp.transTblMsg[1] = {r.trans1, 2u};
+    r.dam[0] = {kMmDam, {Merged0, Merged1, Merged2, Merged3}};
+    r.dam[1] = {kMmArp, {Immediate, nullptr, nullptr, nullptr}};
+    r.fes[0] = {kMmFes, {Merged0, Merged1, Merged2, Merged3}};
+    r.fes[1] = {kMmFesNow, {Immediate, nullptr, nullptr, nullptr}};
+    // Water marks low enough that a handful of records passes them.
+    bp.mergeMque[0] = {r.dam, 2u, 64u, Hash<0u>, 4u, 2u};
+    bp.mergeMque[1] = {r.fes, 2u, 32u, Hash<1u>, 3u, 1u};
+    return bp;
+}
+
+ASOrchHandle *Create(const char *name, bool mb, Regs &regs, bool *registered)
+{
+    RIX_TEST_SetDefaultMbRole(mb ? 1u : 0u);
+    const ASOrchCreatePara para = CountingCreatePara();
+    ASOrchHandle *h = ASOrchCreate(name, &para);
+    RIX_TEST_SetDefaultMbRole(1u);
+    *registered = false;
+    if (h == nullptr) {
+        return nullptr;
+    }
+    AdvSettings(h);
+    ASOrchBasePara bp = Base(regs, mb);
+    const uint32_t reg = Checked("ASOrchRegBase", ASOrchRegBase(h, &bp));
+    if (reg == 0u) {
+        *registered = true;
+        for (uint32_t chan = 0; chan < 2u; ++chan) {
+            if (ASOrchGetReaderHdl(h, chan) == nullptr) {
+                Fault("ASOrchRegBase succeeded without merge queue " + std::to_string(chan));
+            }
+        }
+        // A timer that never comes due here: its descriptor must go with the instance.
+        Checked("ASOrchTimerInit", ASOrchTimerInit(h, 600000u, reinterpret_cast<uintptr_t>(&TimerTick), 0u,
+                                                   ASORCH_THREAD_DATA));
+        if (Checked("ASOrchInit", ASOrchInit(h)) == 0u) {
+            Checked("ASOrchModInitOk", ASOrchModInitOk(h));
+        }
+    }
+    return h;
+}
+
+// ---- Traffic of the mb role ----
+uint32_t g_ver[2][64];  // [queue][key]: versions offered
+
+Rec Next(uint32_t q, uint32_t key) { return MakeRec(key, ++g_ver[q][key]); }
+
+uint32_t Send(ASOrchHandle *h, uint32_t msgId, Bytes body)
+{
+    ASOrchMsg msg{body.data(), msgId, static_cast<uint32_t>(body.size())};
+    return Checked("ASOrchMsgProc", ASOrchMsgProc(h, &msg));
+}
+
+// A plain body of keyed records into the DAM queue; the book is kept before the write.
+void SendRoutes(ASOrchHandle *h, uint32_t msgId, std::initializer_list<uint32_t> keys)
+{
+    Bytes b;
+    Put32(b, msgId);
+    Put32(b, static_cast<uint32_t>(keys.size()));
+    for (uint32_t k : keys) {
+        const Rec r = Next(0u, k);
+        PutRec(b, r);
+        g_books.queues[0][0].Offer(r, msgId == kMsgRouteDel ? 1u : 0u);
+    }
+    Send(h, msgId, b);
+}
+
+void SendNextHops(ASOrchHandle *h, std::initializer_list<uint32_t> keys)
+{
+    Bytes b;
+    Put32(b, kMsgNhp);
+    Put32(b, static_cast<uint32_t>(keys.size()));
+    Put32(b, kNhpOpType);
+    Put32(b, 0u);
+    for (uint32_t k : keys) {
+        const Rec r = Next(1u, k);
+        PutRec(b, r);
+        g_books.queues[0][1].Offer(r, 0u);
+    }
+    Send(h, kMsgNhp, b);
+}
+
+void SendUnkeyed(ASOrchHandle *h, uint32_t msgId, uint32_t n)
+{
+    Bytes b;
+    Put32(b, msgId);
+    Put32(b, n);
+    for (uint32_t i = 0; i < n; ++i) PutRec(b, MakeRec(1000u + i, 1u));
+    Send(h, msgId, b);
+}
+
+void PutTlv(Bytes &b, uint32_t tableId, uint32_t type, uint32_t len)
+{
+    Put32(b, tableId);
+    Put32(b, type);
+    Put32(b, len);
+}
+
+void PutEntries(Bytes &b, uint32_t n, uint32_t size)
+{
+    for (uint32_t i = 0; i < n * size / 4u; ++i) Put32(b, Mix(i, size));
+}
+
+Bytes Trans(uint32_t msgId, uint32_t tlvs, const Bytes &area)
+{
+    Bytes b;
+    Put32(b, msgId);
+    Put32(b, tlvs);
+    Put32(b, static_cast<uint32_t>(area.size()));
+    b.insert(b.end(), area.begin(), area.end());
+    return b;
+}
+
+// A DAM table (3 entries), a FES table (2 entries) and a composite table.
+void SendTables(ASOrchHandle *h)
+{
+    Bytes a;
+    PutTlv(a, kTblDam, 1u, 3u * kEntry);
+    PutEntries(a, 3u, kEntry);
+    PutTlv(a, kTblFes, 1u, 8u + 2u * kEntry);
+    Put32(a, 0u);
+    Put32(a, 2u * kEntry);
+    PutEntries(a, 2u, kEntry);
+    PutTlv(a, kTblComp, 18u, 2u * kEntry);
+    PutEntries(a, 2u, kEntry);
+    Send(h, kTransTables, Trans(kTransTables, 3u, a));
+}
+
+void PutItem(Bytes &b, uint32_t type, uint32_t len, uint32_t tableId)
+{
+    Put32(b, type);
+    Put32(b, len);
+    Put32(b, tableId);
+    for (uint32_t off = 12u; off < len; off += 4u) Put32(b, Mix(type, off));
+}
+
+// Smoothing for the platform's entry points (pre-callback) and for the module's own.
+void SendSmoothing(ASOrchHandle *h)
+{
+    Bytes plat, own, a;
+    PutItem(plat, ASORCH_SMOOTH_CLASS_BEGIN, 16u, kTblSmoothPlat);
+    PutItem(plat, ASORCH_SMOOTH_PID_STATE, 20u, kTblSmoothPlat);
+    PutItem(plat, ASORCH_SMOOTH_VRF_STATE, 32u, kTblSmoothPlat);
+    PutItem(plat, ASORCH_SMOOTH_VRF_DATA_BEGIN, 28u, kTblSmoothPlat);
+    PutItem(plat, ASORCH_SMOOTH_VRF_DATA_END, 28u, kTblSmoothPlat);
+    PutItem(plat, ASORCH_SMOOTH_CLASS_END, 16u, kTblSmoothPlat);
+    PutItem(plat, ASORCH_SMOOTH_DAM_CLASS, 16u, kTblSmoothPlat);
+    PutItem(own, ASORCH_SMOOTH_CLASS_BEGIN, 16u, kTblSmoothOwn);
+    PutItem(own, ASORCH_SMOOTH_LR_CLASS, 16u, kTblSmoothOwn);
+    PutItem(own, ASORCH_SMOOTH_LR_CLASS2, 16u, kTblSmoothOwn);
+    PutItem(own, ASORCH_SMOOTH_DAM_CLASS2, 16u, kTblSmoothOwn);
+    PutItem(own, ASORCH_SMOOTH_CLASS_END, 16u, kTblSmoothOwn);
+    PutTlv(a, kTblSmoothPlat, 5u, static_cast<uint32_t>(plat.size()));
+    a.insert(a.end(), plat.begin(), plat.end());
+    PutTlv(a, kTblSmoothOwn, 6u, static_cast<uint32_t>(own.size()));
+    a.insert(a.end(), own.begin(), own.end());
+    Send(h, kTransSmooth, Trans(kTransSmooth, 2u, a));
+}
+
+// Age information goes in through the merge path itself.
+void OfferAgeInfo(ASOrchHandle *h, uint32_t key)
+{
+    const Rec r = Next(0u, key);
+    ASOrchMsgVec v{kMmDam, 3u, const_cast<Rec *>(&r), kKeySize, const_cast<Rec *>(&r), kRecSize, 0u, nullptr};
+    g_books.queues[0][0].Offer(r, 3u);
+    Checked("ASOrchMsgMerge", ASOrchMsgMerge(h, 0u, &v));
+}
+
+void Drain(ASOrchHandle *h)
+{
+    (void)RIX_TEST_EalRunUntilIdle(ASOrchGetEalHdl(h), ASORCH_THREAD_DATA);
+}
+
+// The peer takes what the mb role synced, in runs of one operation type, into its merge path.
+void FeedPeer(ASOrchHandle *peer)
+{
+    const auto synced = g_books.synced;
+    g_books.synced.clear();
+    for (const auto &[grp, item] : synced) {
+        if (item.size() != 4u + kRecSize) {
+            Fault("synced item of " + std::to_string(item.size()) + " bytes");
+            continue;
+        }
+        const uint32_t q = grp == 0u ? 0u : 1u;
+        Rec r{};
+        std::memcpy(&r, item.data() + 4, sizeof(r));
+        ASOrchMsgVec vec{q == 0u ? kMmDam : kMmFes, Rd32(item.data()), nullptr, kKeySize, nullptr, kRecSize,
+                         0u, nullptr};
+        ASOrchSyncGrpData data{const_cast<uint8_t *>(item.data() + 4), 0u, 7u};
+        g_books.queues[1][q].Offer(r, vec.opType);
+        ASOrchMergeSyncGrpDatas(1u, &data, &vec, q, peer);
+        if (data.result != 0u && data.result != ASORCH_SYNCGRP_DATA_FAILED) {
+            Fault("ASOrchMergeSyncGrpDatas item result " + std::to_string(data.result));
+        }
+    }
+}
+
+void Expect(bool ok, const std::string &what)
+{
+    if (g_books.strict && !ok) {
+        Fault(what);
+    }
+}
+
+uint32_t Presses(void *eal, uint32_t chan, uint32_t *releases)
+{
+    return RIX_TEST_ChanBackPressCount(eal, chan, releases);
+}
+
+}  // namespace
+
+void PrepareScenario()
+{
+    RIX_TEST_Reset();
+    RIX_TEST_LogCapture(1);
+    ResetAllocStats();
+}
+
+void RunScenario(ScenarioReport &report, bool strict)
+{
+    g_books = Books{};
+    g_books.report = &report;
+    g_books.strict = strict;
+    std::memset(g_ver, 0, sizeof(g_ver));
+    static Regs modRegs, peerRegs;
+
+    bool modReg = false, peerReg = false;
+    ASOrchHandle *mod = Create("SWEEPMB", true, modRegs, &modReg);
+    g_books.mod = mod;
+    ASOrchHandle *peer = Create("SWEEPPEER", false, peerRegs, &peerReg);
+    g_books.peer = peer;
+    Expect(mod != nullptr && peer != nullptr && modReg && peerReg, "creation or registration failed");
+
+    uint32_t chanPress[2] = {0, 0}, chanRelease[2] = {0, 0}, grpPress = 0, grpRelease = 0;
+    if (modReg) {
+        void *eal = ASOrchGetEalHdl(mod);
+        RIX_TEST_EalSetSyncPeer(eal, CollectSync, nullptr);
+        // Past both high water marks: key 1 twice (coalesced), then deletes over pending adds.
+        SendRoutes(mod, kMsgRouteAdd, {0u, 1u, 2u, 1u, 3u, 4u, 5u});
+        SendRoutes(mod, kMsgRouteDel, {2u, 6u});
+        OfferAgeInfo(mod, 3u);
+        SendNextHops(mod, {0u, 1u, 2u, 0u, 3u});
+        Expect(RIX_TEST_ChanBackPressed(eal, 0u) == 1u && RIX_TEST_ChanBackPressed(eal, 1u) == 1u,
+               "channels not back-pressed above the high water marks");
+        SendUnkeyed(mod, kMsgArp, 2u);
+        SendUnkeyed(mod, kMsgFesNow, 1u);
+        SendUnkeyed(mod, kMsgStats, 3u);
+        SendTables(mod);
+        SendSmoothing(mod);
+        Bytes out(24u, 0x5Au);
+        Checked("ASOrchDamChanMsgVec", ASOrchDamChanMsgVec(mod, out.data(), 24u));
+        Checked("ASOrchFesChanMsgVec", ASOrchFesChanMsgVec(mod, out.data(), 24u));
+        Drain(mod);
+        Expect(RIX_TEST_ChanBackPressed(eal, 0u) == 0u && RIX_TEST_ChanBackPressed(eal, 1u) == 0u,
+               "channels still back-pressed after the drain");
+        // Left pending for destroy: a route after the drain.
+        SendRoutes(mod, kMsgRouteAdd, {7u});
+        for (uint32_t c = 0; c < 2u; ++c) chanPress[c] = Presses(eal, c, &chanRelease[c]);
+    }
+    if (peerReg) {
+        FeedPeer(peer);
+        void *eal = ASOrchGetEalHdl(peer);
+        const int32_t grp = ASOrchGetSyncGrpId(peer, 0u);
+        Expect(grp >= 0 && RIX_TEST_EalSyncBackPressed(eal, static_cast<uint32_t>(grp)) == 1u,
+               "sync group 0 not back-pressed above the high water mark");
+        RIX_EAL_SyncItem batch[2] = {{"ab", 2u}, {"cd", 2u}};
+        Checked("ASOrchSyncBatchMsg", ASOrchSyncBatchMsg(peer, 0u, batch, 2u));
+        Drain(peer);
+        if (grp >= 0) {
+            Expect(RIX_TEST_EalSyncBackPressed(eal, static_cast<uint32_t>(grp)) == 0u,
+                   "sync group 0 still back-pressed after the drain");
+            grpPress = RIX_TEST_EalSyncBackPressCount(eal, static_cast<uint32_t>(grp), &grpRelease);
+        }
+    }
+
+    if (strict) {
+        const QueueBook(&q)[2][2] = g_books.queues;
+        for (int o = 0; o < 2; ++o) {
+            for (int c = 0; c < 2; ++c) {
+                const uint32_t left = static_cast<uint32_t>(q[o][c].pending.size());
+                Expect(q[o][c].delivered + q[o][c].coalesced + left == q[o][c].offered,
+                       "queue " + std::to_string(o) + "/" + std::to_string(c) + ": offered " +
+                           std::to_string(q[o][c].offered) + ", delivered " + std::to_string(q[o][c].delivered) +
+                           ", coalesced " + std::to_string(q[o][c].coalesced) + ", pending " + std::to_string(left));
+            }
+        }
+        Expect(q[0][0].pending.size() == 1u && q[0][0].pending.count(7u) == 1u, "one route left pending");
+        Expect(g_books.immediate == 3u && g_books.userDef == 3u, "immediate or user-defined records missing");
+        Expect(g_books.tableEntries == 5u && g_books.compTables == 1u, "table entries missing");
+        Expect(g_books.smoothPre == 7u && g_books.smoothOwn == 5u && RIX_TEST_EntryCount() == 6u,
+               "smoothing calls: pre " + std::to_string(g_books.smoothPre) + ", own " +
+                   std::to_string(g_books.smoothOwn) + ", platform " + std::to_string(RIX_TEST_EntryCount()));
+        Expect(g_books.unpacks == 1u && g_books.unpackFrees == 1u, "unpack not paired with its release");
+        Expect(chanPress[0] >= 1u && chanPress[0] == chanRelease[0] && chanPress[1] >= 1u &&
+                   chanPress[1] == chanRelease[1] && grpPress >= 1u && grpPress == grpRelease,
+               "back-press cycles: DAM " + std::to_string(chanPress[0]) + "/" + std::to_string(chanRelease[0]) +
+                   ", FES " + std::to_string(chanPress[1]) + "/" + std::to_string(chanRelease[1]) + ", group " +
+                   std::to_string(grpPress) + "/" + std::to_string(grpRelease));
+    }
+
+    ASOrchDestroy(mod);
+    g_books.modGone = true;
+    ASOrchDestroy(peer);
+    g_books.peerGone = true;
+    g_books.report = nullptr;
+}
+
+int FdCount()
+{
+    int n = 0;
+    DIR *d = opendir("/proc/self/fd");
+    if (d == nullptr) {
+        return -1;
+    }
+    while (readdir(d) != nullptr) {
+        ++n;
+    }
+    closedir(d);
+    return n;
+}
+
+std::string LeftBehind(int fdsBefore, uint32_t hashTablesBefore)
+{
+    std::string out;
+    auto add = [&out](bool bad, const std::string &what) {
+        if (bad) {
+            out += (out.empty() ? "" : "; ") + what;
+        }
+    };
+    const AllocStats s = GetAllocStats();
+    add(s.allocs != s.frees || s.liveBytes != 0,
+        std::to_string(s.allocs - s.frees) + " blocks (" + std::to_string(s.liveBytes) + " bytes) not given back");
+    add(RIX_TEST_EalLiveCount() != 0u, std::to_string(RIX_TEST_EalLiveCount()) + " abstraction-layer instances");
+    add(RIX_TEST_HashTableCount() != hashTablesBefore,
+        std::to_string(RIX_TEST_HashTableCount() - hashTablesBefore) + " hash tables");
+    add(RIX_TEST_HashBlocksInUse() != 0u, std::to_string(RIX_TEST_HashBlocksInUse()) + " hash blocks");
+    const int fds = FdCount();
+    add(fds != fdsBefore, std::to_string(fds - fdsBefore) + " descriptors");
+    add(g_AutoSyncCtrlBlkNameHead.count != 0u, std::to_string(g_AutoSyncCtrlBlkNameHead.count) + " module names");
+    for (const char *q : {"SWEEPMB_DAM", "SWEEPMB_FES", "SWEEPPEER_DAM", "SWEEPPEER_FES"}) {
+        add(RIX_MergeQueNameTreeFind(q) != nullptr, std::string("queue name ") + q);
+    }
+    return out;
+}
+
+namespace {
+
+std::string ReadAll(int fd)
+{
+    std::string out;
+    char buf[4096];
+    (void)lseek(fd, 0, SEEK_SET);
+    for (ssize_t n; (n = read(fd, buf, sizeof(buf))) > 0;) {
+        out.append(buf, static_cast<size_t>(n));
+    }
+    return out;
+}
+
+enum ChildExit { kExitOk = 0, kExitLeak = 70, kExitFault = 71 };
+
+}  // namespace
+
+ChildOutcome RunScenarioInChild(const std::function<void()> &arm, bool strict,
+                                const std::function<std::string()> &payload, uint32_t tablesKept)
+{
+    ChildOutcome out;
+    std::FILE *err = std::tmpfile();
+    std::FILE *pay = std::tmpfile();
+    if (err == nullptr || pay == nullptr) {
+        out.detail = "no temporary file";
+        return out;
+    }
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(fileno(err), 2);
+        alarm(60);  // a hang is reported as a crash by SIGALRM
+        PrepareScenario();
+        const int fds = FdCount();
+        const uint32_t tables = RIX_TEST_HashTableCount();
+        arm();
+        ScenarioReport report;
+        RunScenario(report, strict);
+        std::string text = payload ? payload() : std::string();
+        const std::vector<std::string> lines = Lines();
+        RIX_TEST_Reset();  // nothing armed during the checks; drops the captured lines
+        const std::string left = LeftBehind(fds, tables + tablesKept);
+        int code = kExitOk;
+        for (const std::string &f : report.faults) {
+            std::fprintf(stderr, "fault: %s\n", f.c_str());
+            code = kExitFault;
+        }
+        if (::testing::Test::HasFailure()) {
+            std::fprintf(stderr, "fault: a check of the test support failed (block freed twice?)\n");
+            code = kExitFault;
+        }
+        if (!left.empty()) {
+            std::fprintf(stderr, "left behind: %s\n", left.c_str());
+            code = code == kExitOk ? kExitLeak : code;
+        }
+        if (code != kExitOk) {
+            // The orchestrators' own lines tell where the failure went in.
+            uint32_t shown = 0;
+            for (const std::string &l : lines) {
+                if ((l.find("ail") != std::string::npos || l.find("rror") != std::string::npos) && ++shown <= 10u) {
+                    std::fprintf(stderr, "  log: %s\n", l.c_str());
+                }
+            }
+        }
+        std::fputs(text.c_str(), pay);
+        std::fflush(nullptr);
+        _exit(code);
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid) {
+        out.detail = "fork or wait failed";
+    } else if (WIFEXITED(status) && WEXITSTATUS(status) == kExitOk) {
+        out.kind = ChildOutcome::Ok;
+    } else if (WIFEXITED(status) && WEXITSTATUS(status) == kExitLeak) {
+        out.kind = ChildOutcome::Leak;
+    } else if (WIFEXITED(status) && WEXITSTATUS(status) == kExitFault) {
+        out.kind = ChildOutcome::Fault;
+    } else {
+        out.kind = ChildOutcome::Crash;
+        out.detail = WIFSIGNALED(status) ? "killed by signal " + std::to_string(WTERMSIG(status)) + "\n"
+                                         : "exit status " + std::to_string(WEXITSTATUS(status)) + "\n";
+    }
+    out.detail += ReadAll(fileno(err));
+    out.payload = ReadAll(fileno(pay));
+    std::fclose(err);
+    std::fclose(pay);
+    return out;
+}
+
+int RunScenarioHere(const std::function<void()> &arm)
+{
+    PrepareScenario();
+    const int fds = FdCount();
+    const uint32_t tables = RIX_TEST_HashTableCount();
+    arm();
+    ScenarioReport report;
+    RunScenario(report, false);
+    for (const std::string &f : report.faults) {
+        std::printf("fault: %s\n", f.c_str());
+    }
+    for (const std::string &l : Lines()) {
+        std::printf("  log: %s\n", l.c_str());
+    }
+    RIX_TEST_Reset();
+    const std::string left = LeftBehind(fds, tables);
+    std::printf("left behind: %s\n", left.empty() ? "nothing" : left.c_str());
+    return report.faults.empty() && left.empty() ? 0 : 1;
+}
+
+void SweepTally::Add(const ChildOutcome &o, const std::string &site)
+{
+    ++runs;
+    if (o.kind == ChildOutcome::Ok) {
+        return;
+    }
+    (o.kind == ChildOutcome::Crash ? crashes : o.kind == ChildOutcome::Leak ? leaks : faults) += 1;
+    if (firstFailures.size() < 8u) {
+        // The sanitizer's summary lines and the first frames are enough to find the place.
+        std::string d = o.detail;
+        if (d.size() > 3000u) {
+            d = d.substr(0, 3000u) + "\n  [...]";
+        }
+        firstFailures.push_back(site + ":\n" + d);
+    }
+}
+
+}  // namespace rixtest
