@@ -5,8 +5,9 @@
 // Left out: ZUL_AVL3_Find and ZUL_AVL3_Delete. A find that misses a name that is in the tree,
 // or a delete that leaves a freed queue's node linked, corrupts the platform's own tree; the
 // library cannot tell such a failure from the truth and has nothing to defend with.
-// A failing LITE_HASH_DeleteHash keeps its own table: exactly that one table may stay, and
-// nothing else (the library has asked for its release and holds no other way to free it).
+// A failing LITE_HASH_DeleteHash keeps its own table: exactly that one table (with the blocks in
+// it) may stay, and nothing else (the library has asked for its release and holds no other way
+// to free it).
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
