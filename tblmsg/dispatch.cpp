@@ -55,7 +55,7 @@ uint32_t ASOrchMsgRecvProc(ASOrchHandle *handle, ASOrchMsg *msg)
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "msg proc unknown msg! msgId:%u", msg->msgId);
         return ASORCH_OK;
     }
-    return ASOrchMsgDispatchProc(ctrl, msg, handle);
+    return asorch::tblmsg::DispatchRegistered(asorch::tblmsg::NodeOf(ctrl), msg, handle);
 }
 
 uint32_t ASOrchMsgTransProc(ASOrchHandle *handle, ASOrchMsg *msg)

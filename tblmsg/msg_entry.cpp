@@ -17,7 +17,56 @@ bool KeyOutsideRecord(const ASOrchTblMsgRecvCtrl *ctrl)
     return false;
 }
 
+// Counts a body's records: count(payload, size) is payload / size, remainder(...) its rest.
+template <class Count>
+uint32_t UnSerialPack(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg *msg, ASOrchHandle *handle, Count count)
+{
+    const uint32_t size = ctrl->ipcSize;
+    if (msg->len < ASORCH_RECV_HDR_LEN) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "msgLen is not multi of ipcSize, len = %u, size = %u.", msg->len, size);
+        return ASORCH_ERR;
+    }
+    const uint32_t payload = msg->len - ASORCH_RECV_HDR_LEN;
+    uint32_t records = 0;
+    if (size == 0 || !count(payload, size, &records)) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "msgLen is not multi of ipcSize, len = %u, size = %u.", payload, size);
+        return ASORCH_ERR;
+    }
+    if (KeyOutsideRecord(ctrl)) {
+        return ASORCH_ERR;
+    }
+    ASOrchIpcBuf ipcBuf{records, static_cast<uint8_t *>(msg->data) + ASORCH_RECV_HDR_LEN, size};
+    ORCH_AutoSyncProcMqueOrUserDef(ctrl, &ipcBuf, handle);
+    return ASORCH_OK;
+}
+
+bool CountByDivision(uint32_t payload, uint32_t size, uint32_t *records)
+{
+    *records = payload / size;
+    return payload % size == 0;
+}
+
 }  // namespace
+
+namespace asorch::tblmsg {
+
+uint32_t DispatchRegistered(RecvNode *node, ASOrchMsg *msg, ASOrchHandle *handle)
+{
+    ASOrchTblMsgRecvCtrl *ctrl = &node->ctrl;
+    if (ctrl->unpackFunc != nullptr) {
+        return ORCH_AutoSyncMsgProcSerialPack(ctrl, msg, handle);
+    }
+    const asorch::Divisor &div = node->recSize;
+    return UnSerialPack(ctrl, msg, handle, [&div](uint32_t payload, uint32_t size, uint32_t *records) {
+        if (div.d != size) {  // the record was changed after registration
+            return CountByDivision(payload, size, records);
+        }
+        *records = asorch::Div(payload, div);
+        return *records * size == payload;
+    });
+}
+
+}  // namespace asorch::tblmsg
 
 extern "C" {
 
@@ -37,22 +86,7 @@ uint32_t ORCH_AutoSyncMsgProcUnSerialPack(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg 
     if (asorch::tblmsg::NullArg(__func__, ctrl == nullptr || msg == nullptr || msg->data == nullptr)) {
         return ASORCH_ERR;
     }
-    const uint32_t size = ctrl->ipcSize;
-    if (msg->len < ASORCH_RECV_HDR_LEN) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "msgLen is not multi of ipcSize, len = %u, size = %u.", msg->len, size);
-        return ASORCH_ERR;
-    }
-    const uint32_t payload = msg->len - ASORCH_RECV_HDR_LEN;
-    if (size == 0 || payload % size != 0) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "msgLen is not multi of ipcSize, len = %u, size = %u.", payload, size);
-        return ASORCH_ERR;
-    }
-    if (KeyOutsideRecord(ctrl)) {
-        return ASORCH_ERR;
-    }
-    ASOrchIpcBuf ipcBuf{payload / size, static_cast<uint8_t *>(msg->data) + ASORCH_RECV_HDR_LEN, size};
-    ORCH_AutoSyncProcMqueOrUserDef(ctrl, &ipcBuf, handle);
-    return ASORCH_OK;
+    return UnSerialPack(ctrl, msg, handle, CountByDivision);
 }
 
 uint32_t ORCH_AutoSyncMsgProcSerialPack(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg *msg, ASOrchHandle *handle)

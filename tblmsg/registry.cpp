@@ -86,7 +86,11 @@ struct RecvKind {
     using Reg = ASOrchTblMsgRecvReg;
     static void **Field(ASOrchHandle *handle) { return &handle->tblMsgRecvHash; }
     static uint32_t Key(const Ctrl &c) { return c.msgId; }
-    static void Complete(Ctrl &c, uint32_t) { c.version = 0; }
+    static void Complete(Node<Ctrl> &n, uint32_t)
+    {
+        n.ctrl.version = 0;
+        n.recSize = asorch::MakeDivisor(n.ctrl.ipcSize);
+    }
     static constexpr const char *kNoNode = "Orch auto sync recv tbl msg failed to new HashNode";
     static constexpr const char *kAddFail = "Orch autosync recv add HashNode(%u) fail";
 };
@@ -96,10 +100,11 @@ struct TransKind {
     using Reg = ASOrchTblMsgTransReg;
     static void **Field(ASOrchHandle *handle) { return &handle->tblMsgTransHash; }
     static uint32_t Key(const Ctrl &c) { return c.tableId; }
-    static void Complete(Ctrl &c, uint32_t isFes)
+    static void Complete(Node<Ctrl> &n, uint32_t isFes)
     {
-        c.isFes = isFes;
-        c.version = 0;
+        n.ctrl.isFes = isFes;
+        n.ctrl.version = 0;
+        n.recSize = asorch::MakeDivisor(0u);
     }
     static constexpr const char *kNoNode = "Orch auto sync trans tbl msg failed to new HashNode";
     static constexpr const char *kAddFail = "Orch autosync trans add HashNode(%u) fail";
@@ -137,7 +142,7 @@ uint32_t Fill(ASOrchHandle *handle, ASIntHash *hash, const ASOrchTblMsgList *lis
             RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s", Kind::kNoNode);
             return FillFailed(handle, nodes, i);
         }
-        Kind::Complete(node.ctrl, isFes);
+        Kind::Complete(node, isFes);
         node.hashNode.key = Kind::Key(node.ctrl);
         if (ASIntHashAdd(hash, &node.hashNode) != 0) {
             RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, Kind::kAddFail, node.hashNode.key);

@@ -3,6 +3,8 @@
 #ifndef RIX_AS_TBLMSG_INTERNAL_H
 #define RIX_AS_TBLMSG_INTERNAL_H
 
+#include "core/divisor.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -26,6 +28,7 @@ struct Node {
     ASIntHashNode hashNode;  // link and key, as the hash expects
     Ctrl ctrl;
     NodeBlock *block;
+    asorch::Divisor recSize;  // a recv record's size, prepared so a body's count needs no division
 };
 
 using RecvNode = Node<ASOrchTblMsgRecvCtrl>;
@@ -35,6 +38,15 @@ static_assert(offsetof(RecvNode, hashNode) == 0 && offsetof(TransNode, hashNode)
               "the hash link opens a node");
 static_assert(alignof(NodeBlock) >= alignof(RecvNode) && alignof(NodeBlock) >= alignof(TransNode),
               "nodes follow the block header without padding");
+
+// The node of a control record the registry handed out (never of one a caller made).
+inline RecvNode *NodeOf(ASOrchTblMsgRecvCtrl *ctrl)
+{
+    return reinterpret_cast<RecvNode *>(reinterpret_cast<char *>(ctrl) - offsetof(RecvNode, ctrl));
+}
+
+// Message entry with the record size prepared at registration: the received road.
+uint32_t DispatchRegistered(RecvNode *node, ASOrchMsg *msg, ASOrchHandle *handle);
 
 // Exported entry points refuse null arguments with one line naming themselves.
 inline bool NullArg(const char *func, bool bad)
