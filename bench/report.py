@@ -267,6 +267,29 @@ def main():
             print(f"[{label}] heap_probe: the queue's share of a pending entry")
             with open(heap) as f:
                 print(f.read())
+        heap = os.path.join(sub, "heap-armhf.txt")
+        if os.path.exists(heap):
+            print(f"[{label}] heap_probe on armhf (qemu-arm)")
+            with open(heap) as f:
+                print("".join(f.read().split("copy:")[0]))
+        div = os.path.join(sub, "armhf-div.txt")
+        if os.path.exists(div):
+            # On the road: the function ran during the x86 callgrind runs of the road.
+            road = set()
+            for pct in (0, 50, 90):
+                out = os.path.join(sub, f"cg-road-{pct}.out")
+                if os.path.exists(out):
+                    road.update(fn.split("(")[0] for _, fn, _ in annotate(out))
+            with open(div) as f:
+                rows = [l.rstrip("\n").split("\t") for l in f if l.count("\t") == 2]
+            print(f"[{label}] armhf: functions that call a software division routine"
+                  + ("" if road else " (no callgrind run: road membership unknown)"))
+            for lib, fn, routine in rows:
+                mark = "runs on the road" if fn.split("(")[0] in road else ""
+                print(f"  {lib:<32} {fn[:44]:<44} {routine:<22} {mark}")
+            if not rows:
+                print("  none in the library or the platform stand-ins")
+            print()
         results[label] = {"mq": mergeque_tables(sub, label), "e2e": e2e_table(sub, label),
                           "cg": callgrind_tables(sub, label, top)}
     if len(labels) == 2:

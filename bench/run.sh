@@ -24,6 +24,9 @@
 #                   against REF's library and platform stand-ins, so both sides run the same
 #                   workloads and counters; should they not build against REF's headers, REF's
 #                   own bench/ is used and only what its programs report is shown.
+#   --armhf         also cross-builds heap_probe with the library for armhf (Release), runs it
+#                   under qemu-arm and lists the functions of the library and the platform
+#                   stand-ins that call a software division routine (__aeabi_*div*)
 #   --no-valgrind   leaves out the instruction counts
 #   --reps N        repetitions per program run (default 5, quick 3)
 #   --keep DIR      keeps the raw results (JSON, callgrind files) in DIR
@@ -33,6 +36,7 @@ SRC=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 QUICK=0
 AGAINST=""
 VALGRIND=1
+ARMHF=0
 REPS=""
 KEEP=""
 while [[ $# -gt 0 ]]; do
@@ -40,6 +44,7 @@ while [[ $# -gt 0 ]]; do
     --quick) QUICK=1 ;;
     --against) AGAINST=${2:?--against needs a git ref}; shift ;;
     --no-valgrind) VALGRIND=0 ;;
+    --armhf) ARMHF=1 ;;
     --reps) REPS=${2:?--reps needs a number}; shift ;;
     --keep) KEEP=${2:?--keep needs a directory}; shift ;;
     -h | --help) sed -n '2,/^set -euo/p' "$0" | sed '$d' | sed 's/^# \{0,1\}//'; exit 0 ;;
@@ -82,7 +87,17 @@ build() {
     echo "$src/build/${RIX_BUILD_PREFIX:-}bench/bench"
 }
 
+# build_armhf <source dir> <log>: heap_probe and the libraries for armhf; prints the build tree.
+build_armhf() {
+    local src=$1 log=$2 dir="$1/build/${RIX_BUILD_PREFIX:-}bench-armhf"
+    (cmake -S "$src" -B "$dir" --toolchain "$src/cmake/arm-linux-gnueabihf.cmake" -DCMAKE_BUILD_TYPE=Release \
+        -DRIX_BUILD_BENCH=ON -DRIX_BUILD_TESTS=OFF -DRIX_BUILD_EXAMPLES=OFF &&
+        cmake --build "$dir" -j2 --target heap_probe) >"$log" 2>&1 || return 1
+    echo "$dir"
+}
+
 declare -A BIN
+declare -A ARM
 LABELS=()
 echo "building the bench preset of $SRC ..." >&2
 HEAD_LABEL="$(git -C "$SRC" rev-parse --short HEAD 2>/dev/null || echo tree)"
@@ -114,8 +129,16 @@ if [[ -n $AGAINST ]]; then
         fi
     fi
     LABELS=("$REF_LABEL" "$HEAD_LABEL")
+    if [[ $ARMHF == 1 ]]; then
+        ARM[$REF_LABEL]=$(build_armhf "$SCRATCH/src" "$WORK/build-ref-armhf.log") ||
+            echo "armhf build of $REF_SHA failed (see --keep DIR/build-ref-armhf.log)" >&2
+    fi
 else
     LABELS=("$HEAD_LABEL")
+fi
+if [[ $ARMHF == 1 ]]; then
+    ARM[$HEAD_LABEL]=$(build_armhf "$SRC" "$WORK/build-head-armhf.log") ||
+        echo "armhf build failed (see --keep DIR/build-head-armhf.log)" >&2
 fi
 for l in "${LABELS[@]}"; do mkdir -p "$WORK/$l"; done
 echo "built in $(($(date +%s) - START)) s" >&2
@@ -166,8 +189,26 @@ run_cg_mq() {
         --benchmark_min_time=0.05 >/dev/null 2>"$WORK/$l/cg-mq.writes" || echo "callgrind of $l's queue failed" >&2
 }
 
+# armhf: the probe under qemu, and which functions call a software division routine.
+run_armhf() {
+    local l=$1 dir=${ARM[$1]:-}
+    [[ -n $dir && -x $dir/bench/heap_probe ]] || return 0
+    qemu-arm -L /usr/arm-linux-gnueabihf -E LD_LIBRARY_PATH=/usr/arm-linux-gnueabihf/lib \
+        "$dir/bench/heap_probe" "${KEYS[@]:0:2}" >"$WORK/$l/heap-armhf.txt" 2>&1 ||
+        echo "armhf heap_probe of $l failed" >&2
+    local lib
+    for lib in "$dir"/librix_autosync_orch.so.*.*.* "$dir"/platform/librix_utils_*.so.*.*.*; do
+        [[ -f $lib ]] || continue
+        arm-linux-gnueabihf-objdump -dC --no-show-raw-insn "$lib" |
+            awk -v lib="$(basename "$lib")" '/^[0-9a-f]+ <.*>:$/ { fn = substr($0, index($0, "<") + 1); sub(/>:$/, "", fn) }
+                /[ \t](bl|blx|b)[ \t].*<__aeabi_[a-z0-9]*div[a-z0-9]*(@plt)?>/ { r = $NF; gsub(/[<>]/, "", r); print lib "\t" fn "\t" r }' |
+            sort -u
+    done >"$WORK/$l/armhf-div.txt"
+}
+
 t=$(date +%s)
 each_build run_heap
+[[ $ARMHF == 1 ]] && each_build run_armhf
 echo "heap probe: $(($(date +%s) - t)) s" >&2
 t=$(date +%s)
 for keys in "${KEYS[@]}"; do each_build run_mq "$keys"; done
