@@ -158,6 +158,33 @@ def annotate(path, inclusive=False):
     return rows
 
 
+ALLOC_FNS = {"malloc", "calloc", "realloc", "aligned_alloc", "posix_memalign", "memalign"}
+
+
+def heap_calls(path):
+    """Calls of the C allocation functions and of free in a callgrind output: (allocs, frees)."""
+    names = {}
+    allocs = frees = 0
+    current = None
+    with open(path, errors="replace") as f:
+        for line in f:
+            if line.startswith(("fn=", "cfn=")):
+                m = re.match(r"c?fn=\((\d+)\)(?: (.*))?", line.rstrip("\n"))
+                if m:
+                    if m.group(2) is not None:
+                        names[m.group(1)] = m.group(2)
+                    if line.startswith("cfn="):
+                        current = names.get(m.group(1))
+            elif line.startswith("calls=") and current is not None:
+                n = int(line.split("=", 1)[1].split()[0])
+                if current in ALLOC_FNS:
+                    allocs += n
+                elif current == "free":
+                    frees += n
+                current = None
+    return allocs, frees
+
+
 def object_class(obj):
     base = os.path.basename(obj)
     if base.startswith("librix_autosync_orch"):
@@ -190,18 +217,20 @@ def callgrind_tables(d, label, top):
         if not found:
             print(f"[{label}] instructions per record (callgrind, collected in ASOrchMsgProc and the drain)")
             print(f"{'coalescing':<11} {'total':>7} {'library':>8} {'platform':>9} {'libc':>6} {'other':>6}"
-                  f" {'records':>9}")
+                  f" {'records':>9} {'mallocs/rec':>12} {'frees/rec':>10}")
             found = True
         by = {"library": 0, "platform": 0, "libc": 0, "other": 0}
         for ir, _, obj in rows:
             by[object_class(obj)] += ir
         total = sum(by.values())
+        allocs, frees = heap_calls(out)
         summary[pct] = {"total": total / records, **{k: v / records for k, v in by.items()}, "rows": rows,
-                        "records": records}
+                        "records": records, "mallocs": allocs / records}
         print(f"{str(pct) + '%':<11} {total / records:>7.0f} {by['library'] / records:>8.0f} "
               f"{by['platform'] / records:>9.0f} {by['libc'] / records:>6.0f} {by['other'] / records:>6.0f}"
-              f" {records:>9}")
+              f" {records:>9} {allocs / records:>12.3f} {frees / records:>10.3f}")
     if found:
+        print("mallocs/rec, frees/rec: calls of the C heap (module's memAlloc included) per record, any caller")
         print()
         for pct, s in summary.items():
             print(f"[{label}] top {top} functions at {pct}% coalescing (self instructions per record)")
@@ -238,6 +267,7 @@ def before_after(a, b, la, lb):
         row(f"instructions per record, {pct}% (total)", ca.get("total"), cb.get("total"), "{:.0f}")
         row(f"instructions per record, {pct}% (library)", ca.get("library"), cb.get("library"), "{:.0f}")
         row(f"instructions per record, {pct}% (platform)", ca.get("platform"), cb.get("platform"), "{:.0f}")
+        row(f"C heap allocations per record, {pct}%", ca.get("mallocs"), cb.get("mallocs"), "{:.3f}")
     for tag, name in (("queue", "queue"), ("boost", "Boost.MI")):
         row(f"instructions per write, 64K uniform, {name}", a["cg"].get("mq_" + tag), b["cg"].get("mq_" + tag),
             "{:.0f}")
@@ -251,7 +281,23 @@ def before_after(a, b, la, lb):
         row(f"queue ns per write, {w} (median)", sa.get("queue_ns"), sb.get("queue_ns"), "{:.1f}")
         row(f"Boost.MI / queue, {w} (median)", sa.get("Boost.MI"), sb.get("Boost.MI"), "{:.2f}")
         row(f"queue heap bytes per pending entry, {w}", sa.get("queue_B"), sb.get("queue_B"), "{:.1f}")
+    for key, arch in (("heap", "x86_64"), ("heap_arm", "armhf")):
+        cases = set(a[key]) | set(b[key])
+        for case in sorted(cases, key=lambda c: (c.split(",")[0], int(re.findall(r"\d+", c)[0]))):
+            row(f"heap per entry ({arch}), {case}", a[key].get(case), b[key].get(case), "{:.1f}")
     print()
+
+
+def heap_totals(path):
+    """{case: total bytes per pending entry} of a heap_probe output."""
+    out = {}
+    if os.path.exists(path):
+        with open(path) as f:
+            for line in f:
+                m = re.match(r"^((?:road|queue alone), \d+ keys)\s+\d+\s+([\d.]+)", line)
+                if m:
+                    out[m.group(1)] = float(m.group(2))
+    return out
 
 
 def main():
@@ -291,7 +337,8 @@ def main():
                 print("  none in the library or the platform stand-ins")
             print()
         results[label] = {"mq": mergeque_tables(sub, label), "e2e": e2e_table(sub, label),
-                          "cg": callgrind_tables(sub, label, top)}
+                          "cg": callgrind_tables(sub, label, top), "heap": heap_totals(os.path.join(sub, "heap.txt")),
+                          "heap_arm": heap_totals(os.path.join(sub, "heap-armhf.txt"))}
     if len(labels) == 2:
         before_after(results[labels[0]], results[labels[1]], labels[0], labels[1])
 
