@@ -14,9 +14,9 @@
 # Times are CPU times of a shared machine: compare ratios from one run and instruction counts,
 # not absolute times across runs.
 #
-# Usage: bench/run.sh [--quick] [--against <git-ref>] [--no-valgrind] [--reps N] [--keep DIR]
-#   --quick         1K and 64K keys only, fewer and shorter repetitions (about a minute
-#                   without valgrind)
+# Usage: bench/run.sh [--quick] [--against <git-ref>] [--armhf] [--no-valgrind] [--reps N] [--keep DIR]
+#   --quick         1K and 64K keys only, fewer and shorter repetitions (about half a minute once
+#                   built, valgrind included)
 #   --against REF   also builds REF in a scratch worktree (git worktree add in a temp dir, its
 #                   own bench preset there) and measures both builds in the same run, the runs
 #                   of the two alternating, then prints a before/after table (REF first). The
