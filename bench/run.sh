@@ -79,12 +79,21 @@ trap cleanup EXIT
 
 TARGETS=(e2e_bench mergeque_bench heap_probe)
 
-# build <source dir> <log>: the bench preset of that tree; prints the bench binary directory.
+# build <source dir> <log> <target>...: configures the bench preset of that tree and builds each
+# target on its own (one that does not build leaves the others); prints the binary directory.
 build() {
-    local src=$1 log=$2
-    (cd "$src" && cmake --preset bench && cmake --build --preset bench --target "${TARGETS[@]}") >"$log" 2>&1 ||
-        return 1
+    local src=$1 log=$2 t
+    shift 2
+    (cd "$src" && cmake --preset bench) >>"$log" 2>&1 || return 1
+    for t in "$@"; do
+        (cd "$src" && cmake --build --preset bench --target "$t") >>"$log" 2>&1 || echo "$t: not built" >>"$log"
+    done
     echo "$src/build/${RIX_BUILD_PREFIX:-}bench/bench"
+}
+missing() {
+    local dir=$1 t
+    shift
+    for t in "$@"; do [[ -x $dir/$t ]] || echo "$t"; done
 }
 
 # build_armhf <source dir> <log>: heap_probe and the libraries for armhf; prints the build tree.
@@ -102,7 +111,8 @@ LABELS=()
 echo "building the bench preset of $SRC ..." >&2
 HEAD_LABEL="$(git -C "$SRC" rev-parse --short HEAD 2>/dev/null || echo tree)"
 [[ -n $(git -C "$SRC" status --porcelain 2>/dev/null) ]] && HEAD_LABEL="$HEAD_LABEL+changes"
-if ! BIN[$HEAD_LABEL]=$(build "$SRC" "$WORK/build-head.log"); then
+BIN[$HEAD_LABEL]=$(build "$SRC" "$WORK/build-head.log" "${TARGETS[@]}") || true
+if [[ -z ${BIN[$HEAD_LABEL]} || -n $(missing "${BIN[$HEAD_LABEL]}" "${TARGETS[@]}") ]]; then
     tail -30 "$WORK/build-head.log" >&2
     exit 1
 fi
@@ -117,22 +127,32 @@ if [[ -n $AGAINST ]]; then
     rm -rf "$SCRATCH/src/bench"
     cp -r "$SRC/bench" "$SCRATCH/src/bench"
     rm -rf "$SCRATCH/src/bench/__pycache__"
-    if ! BIN[$REF_LABEL]=$(build "$SCRATCH/src" "$WORK/build-ref.log"); then
-        echo "this tree's bench/ does not build against $REF_SHA; using its own bench/" >&2
-        tail -5 "$WORK/build-ref.log" >&2
-        git -C "$SCRATCH/src" checkout -- bench
-        git -C "$SCRATCH/src" clean -fdq bench
-        TARGETS=(e2e_bench mergeque_bench)
-        if ! BIN[$REF_LABEL]=$(build "$SCRATCH/src" "$WORK/build-ref.log"); then
-            tail -30 "$WORK/build-ref.log" >&2
-            exit 1
-        fi
-    fi
-    LABELS=("$REF_LABEL" "$HEAD_LABEL")
+    BIN[$REF_LABEL]=$(build "$SCRATCH/src" "$WORK/build-ref.log" "${TARGETS[@]}") || {
+        tail -30 "$WORK/build-ref.log" >&2
+        exit 1
+    }
     if [[ $ARMHF == 1 ]]; then
         ARM[$REF_LABEL]=$(build_armhf "$SCRATCH/src" "$WORK/build-ref-armhf.log") ||
             echo "armhf build of $REF_SHA failed (see --keep DIR/build-ref-armhf.log)" >&2
     fi
+    mapfile -t LEFT < <(missing "${BIN[$REF_LABEL]}" "${TARGETS[@]}")
+    if [[ ${#LEFT[@]} -gt 0 ]]; then
+        # The programs this tree's sources cannot build against REF come from REF's own bench/.
+        echo "not built from this tree's bench/ against $REF_SHA: ${LEFT[*]}; trying $REF_SHA's own" >&2
+        git -C "$SCRATCH/src" checkout -q -- bench
+        git -C "$SCRATCH/src" clean -fdq bench
+        OWN=()
+        for t in "${LEFT[@]}"; do [[ -f $SCRATCH/src/bench/$t.cpp ]] && OWN+=("$t"); done
+        [[ ${#OWN[@]} -gt 0 ]] && { build "$SCRATCH/src" "$WORK/build-ref.log" "${OWN[@]}" >/dev/null || true; }
+        for t in "${LEFT[@]}"; do
+            if [[ -x ${BIN[$REF_LABEL]}/$t ]]; then
+                echo "  $t: $REF_SHA's own source (its figures may lack counters)" >&2
+            else
+                echo "  $t: not measured for $REF_SHA" >&2
+            fi
+        done
+    fi
+    LABELS=("$REF_LABEL" "$HEAD_LABEL")
 else
     LABELS=("$HEAD_LABEL")
 fi
@@ -160,6 +180,7 @@ run_heap() {
 }
 run_mq() {
     local keys=$1 l=$2
+    [[ -x ${BIN[$l]}/mergeque_bench ]] || return 0
     "${BIN[$l]}/mergeque_bench" --benchmark_filter="/keys:$keys/" --benchmark_repetitions="$REPS" \
         --benchmark_enable_random_interleaving=true --benchmark_min_time="$MIN_TIME" \
         --benchmark_out="$WORK/$l/mq-$keys.json" --benchmark_out_format=json >/dev/null 2>&1 ||
@@ -167,6 +188,7 @@ run_mq() {
 }
 run_e2e() {
     local l=$1
+    [[ -x ${BIN[$l]}/e2e_bench ]] || return 0
     "${BIN[$l]}/e2e_bench" --benchmark_repetitions="$REPS" --benchmark_enable_random_interleaving=true \
         --benchmark_min_time="$MIN_TIME" \
         --benchmark_out="$WORK/$l/e2e-1.json" --benchmark_out_format=json >/dev/null 2>&1 ||
@@ -174,6 +196,7 @@ run_e2e() {
 }
 run_cg_road() {
     local pct=$1 l=$2
+    [[ -x ${BIN[$l]}/e2e_bench ]] || return 0
     # Only ASOrchMsgProc and the drain are collected; the records fed by every run of the
     # process (those that size the iteration count too) divide the total.
     valgrind --tool=callgrind --callgrind-out-file="$WORK/$l/cg-road-$pct.out" \
@@ -184,6 +207,7 @@ run_cg_road() {
 run_cg_mq() {
     local l=$1 filter='BM_(MergeQue|BoostMultiIndex|BoostMultiIndexPool|StdMapList)/keys:65536/skewed:0'
     [[ $QUICK == 1 ]] && filter='BM_(MergeQue|BoostMultiIndex)/keys:65536/skewed:0'
+    [[ -x ${BIN[$l]}/mergeque_bench ]] || return 0
     valgrind --tool=callgrind --callgrind-out-file="$WORK/$l/cg-mq.out" \
         --toggle-collect='RixBenchRound_*' "${BIN[$l]}/mergeque_bench" --benchmark_filter="$filter" \
         --benchmark_min_time=0.05 >/dev/null 2>"$WORK/$l/cg-mq.writes" || echo "callgrind of $l's queue failed" >&2
