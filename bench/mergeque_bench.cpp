@@ -1,5 +1,6 @@
-// The merge queue against two peers doing the same logical work on the same pre-generated
-// operations: Boost.MultiIndex (sequenced + hashed_unique) and std::unordered_map + std::list.
+// The merge queue against three peers doing the same logical work on the same pre-generated
+// operations: Boost.MultiIndex (sequenced + hashed_unique), the same with its nodes from a
+// boost::pool, and std::unordered_map + std::list.
 // Each write of a 64-byte record with a 16-byte key merges into a pending record of the same
 // key (operation types combined by the merge rules) or queues a new one; every 64 writes,
 // 32 records are drained oldest first. Hash size equals the key count for all three.
@@ -15,6 +16,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <new>
 #include <random>
 #include <string>
 #include <unordered_map>
@@ -25,6 +27,7 @@
 #include <boost/multi_index/member.hpp>
 #include <boost/multi_index/sequenced_index.hpp>
 #include <boost/multi_index_container.hpp>
+#include <boost/pool/pool.hpp>
 
 #include "rix_mergeque.h"
 
@@ -148,12 +151,68 @@ namespace bmi = boost::multi_index;
 using MiContainer = bmi::multi_index_container<
     MiRec, bmi::indexed_by<bmi::sequenced<>, bmi::hashed_unique<bmi::member<MiRec, Key16, &MiRec::key>, KeyHash>>>;
 
-class BoostImpl {
+// Nodes from a boost::pool of their own size, bucket arrays from the heap. The pools belong to
+// one container, so its heap figure is its own (a singleton pool would be shared by all).
+struct PoolSet {
+    std::map<size_t, std::unique_ptr<boost::pool<>>> bySize;
+    boost::pool<> *For(size_t size)
+    {
+        auto &p = bySize[size];
+        if (!p) {
+            p = std::make_unique<boost::pool<>>(size, 64, 8192);
+        }
+        return p.get();
+    }
+};
+
+template <typename T>
+struct PoolAlloc {
+    using value_type = T;
+    std::shared_ptr<PoolSet> set;
+    boost::pool<> *pool;
+    explicit PoolAlloc(std::shared_ptr<PoolSet> s) : set(std::move(s)), pool(set->For(sizeof(T))) {}
+    template <typename U>
+    PoolAlloc(const PoolAlloc<U> &o) : set(o.set), pool(set->For(sizeof(T)))
+    {
+    }
+    T *allocate(size_t n)
+    {
+        if (n != 1) {
+            return std::allocator<T>().allocate(n);
+        }
+        void *p = pool->malloc();
+        if (p == nullptr) {
+            throw std::bad_alloc();
+        }
+        return static_cast<T *>(p);
+    }
+    void deallocate(T *p, size_t n)
+    {
+        if (n != 1) {
+            std::allocator<T>().deallocate(p, n);
+        } else {
+            pool->free(p);
+        }
+    }
+    template <typename U>
+    bool operator==(const PoolAlloc<U> &o) const
+    {
+        return set == o.set;
+    }
+};
+
+template <typename Container>
+class BoostImplT {
 public:
-    explicit BoostImpl(uint32_t keyCount) { c_.get<1>().rehash(keyCount); }
+    explicit BoostImplT(uint32_t keyCount) { c_.template get<1>().rehash(keyCount); }
+    template <typename Alloc>
+    BoostImplT(uint32_t keyCount, Alloc alloc) : c_(alloc)
+    {
+        c_.template get<1>().rehash(keyCount);
+    }
     void Write(Rec &r)
     {
-        auto &byKey = c_.get<1>();
+        auto &byKey = c_.template get<1>();
         auto it = byKey.find(r.key);
         if (it != byKey.end()) {
             uint32_t pending;
@@ -165,11 +224,11 @@ public:
         MiRec m;
         m.key = r.key;
         std::memcpy(m.body.data(), &r.opType, sizeof m.body);
-        c_.get<0>().push_back(m);
+        c_.template get<0>().push_back(m);
     }
     uint32_t Drain(Rec *out)
     {
-        auto &seq = c_.get<0>();
+        auto &seq = c_.template get<0>();
         uint32_t n = 0;
         for (; n < kDrainPerRound && !seq.empty(); ++n) {
             std::memcpy(&out[n], &seq.front(), sizeof(Rec));
@@ -180,7 +239,19 @@ public:
     size_t Pending() const { return c_.size(); }
 
 private:
-    MiContainer c_;
+    Container c_;
+};
+using BoostImpl = BoostImplT<MiContainer>;
+using MiPoolContainer =
+    bmi::multi_index_container<MiRec,
+                               bmi::indexed_by<bmi::sequenced<>, bmi::hashed_unique<bmi::member<MiRec, Key16, &MiRec::key>, KeyHash>>,
+                               PoolAlloc<MiRec>>;
+class BoostPoolImpl : public BoostImplT<MiPoolContainer> {
+public:
+    explicit BoostPoolImpl(uint32_t keyCount)
+        : BoostImplT<MiPoolContainer>(keyCount, PoolAlloc<MiRec>(std::make_shared<PoolSet>()))
+    {
+    }
 };
 
 // ---- std::unordered_map + std::list ----
@@ -269,33 +340,44 @@ Runner<Impl> &GetRunner(uint32_t keyCount, bool skewed, Args... args)
         for (size_t i = 0; i < warmRounds; ++i) {
             slot->Round();
         }
+        // Everything the container holds, bucket array included, per pending entry.
         const size_t pending = slot->impl->Pending();
-        slot->bytesPerEntry = pending == 0 ? 0.0
-                                           : static_cast<double>(HeapInUse() - before) / static_cast<double>(pending) -
-                                                 static_cast<double>(sizeof(Rec));
+        slot->bytesPerEntry =
+            pending == 0 ? 0.0 : static_cast<double>(HeapInUse() - before) / static_cast<double>(pending);
     }
     return *slot;
 }
 
-std::map<std::string, std::vector<double>> g_nsPerOp;  // every repetition
-std::map<std::string, double> g_bytes;
+std::map<std::string, uint64_t> g_measuredWrites;  // by container, for instruction counts
+
+}  // namespace
+
+// The measured rounds, one function per container, so that callgrind can collect exactly them
+// (--toggle-collect=RixBenchRound_queue); the warm-up runs outside them.
+#define RIX_BENCH_ROUND_FN(label, Impl)                                          \
+    [[gnu::noinline]] void RixBenchRound_##label(Runner<Impl> &r) { r.Round(); }
+RIX_BENCH_ROUND_FN(queue, QueueImpl)
+RIX_BENCH_ROUND_FN(boost, BoostImpl)
+RIX_BENCH_ROUND_FN(boostpool, BoostPoolImpl)
+RIX_BENCH_ROUND_FN(std, StdImpl)
+
+namespace {
 
 template <typename Impl, typename... Args>
-void Run(benchmark::State &state, const std::string &label, Args... args)
+void Run(benchmark::State &state, void (*round)(Runner<Impl> &), const char *label, Args... args)
 {
     const auto keyCount = static_cast<uint32_t>(state.range(0));
     const bool skewed = state.range(1) != 0;
     Runner<Impl> &runner = GetRunner<Impl>(keyCount, skewed, args...);
     for (auto _ : state) {
-        runner.Round();
+        round(runner);
     }
     benchmark::DoNotOptimize(runner.sink);
+    g_measuredWrites[label] += state.iterations() * kWritesPerRound;
     state.counters["ns/op"] = benchmark::Counter(kWritesPerRound, benchmark::Counter::kIsIterationInvariantRate |
                                                                       benchmark::Counter::kInvert);
     state.counters["pending"] = static_cast<double>(runner.impl->Pending());
     state.counters["B/entry"] = runner.bytesPerEntry;
-    const std::string key = std::to_string(keyCount) + (skewed ? " skewed" : " uniform");
-    g_bytes[label + "|" + key] = runner.bytesPerEntry;
 }
 
 void BM_MergeQue(benchmark::State &state)
@@ -303,10 +385,14 @@ void BM_MergeQue(benchmark::State &state)
     static uint32_t serial = 0;
     char name[32];
     std::snprintf(name, sizeof name, "bench_%u", serial++);
-    Run<QueueImpl>(state, "queue", static_cast<const char *>(name));
+    Run<QueueImpl>(state, RixBenchRound_queue, "queue", static_cast<const char *>(name));
 }
-void BM_BoostMultiIndex(benchmark::State &state) { Run<BoostImpl>(state, "boost"); }
-void BM_StdMapList(benchmark::State &state) { Run<StdImpl>(state, "std"); }
+void BM_BoostMultiIndex(benchmark::State &state) { Run<BoostImpl>(state, RixBenchRound_boost, "boost"); }
+void BM_BoostMultiIndexPool(benchmark::State &state)
+{
+    Run<BoostPoolImpl>(state, RixBenchRound_boostpool, "boostpool");
+}
+void BM_StdMapList(benchmark::State &state) { Run<StdImpl>(state, RixBenchRound_std, "std"); }
 
 void Args(benchmark::internal::Benchmark *b)
 {
@@ -320,63 +406,20 @@ void Args(benchmark::internal::Benchmark *b)
 
 BENCHMARK(BM_MergeQue)->Apply(Args);
 BENCHMARK(BM_BoostMultiIndex)->Apply(Args);
+BENCHMARK(BM_BoostMultiIndexPool)->Apply(Args);
 BENCHMARK(BM_StdMapList)->Apply(Args);
-
-// Collects ns per operation of every run to print the ratios at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        for (const Run &run : runs) {
-            auto it = run.counters.find("ns/op");
-            if (run.run_type == Run::RT_Iteration && it != run.counters.end()) {
-                g_nsPerOp[run.benchmark_name()].push_back(it->second.value * 1e9);
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-};
-
-// The median of the repetitions: on a shared machine a single run is at the mercy of its
-// neighbours, and interleaved repetitions spread that evenly over the three containers.
-double Median(const std::string &name)
-{
-    std::vector<double> v = g_nsPerOp[name];
-    if (v.empty()) {
-        return 0.0;
-    }
-    std::sort(v.begin(), v.end());
-    return v.size() % 2 == 1 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2.0;
-}
-
-void PrintRatios()
-{
-    std::printf("\nmedians over the repetitions\n%-16s %9s %9s %9s %12s %10s   %s\n", "workload", "queue ns",
-                "boost ns", "std ns", "boost/queue", "std/queue", "bytes per pending entry (queue/boost/std)");
-    for (int64_t keys : {1024, 65536, 1048576}) {
-        for (int64_t skewed : {1, 0}) {
-            const std::string args = "/keys:" + std::to_string(keys) + "/skewed:" + std::to_string(skewed);
-            const double q = Median("BM_MergeQue" + args);
-            const double b = Median("BM_BoostMultiIndex" + args);
-            const double s = Median("BM_StdMapList" + args);
-            if (q <= 0.0) {
-                continue;
-            }
-            const std::string key = std::to_string(keys) + (skewed != 0 ? " skewed" : " uniform");
-            std::printf("%-16s %9.1f %9.1f %9.1f %12.2f %10.2f   %.0f/%.0f/%.0f\n", key.c_str(), q, b, s, b / q,
-                        s / q, g_bytes["queue|" + key], g_bytes["boost|" + key], g_bytes["std|" + key]);
-        }
-    }
-}
 
 }  // namespace
 
+// Ratios, min/median/max over repetitions and heap per entry: bench/run.sh, from the JSON
+// output (--benchmark_out). The writes measured go to stderr for instruction counts per write.
 int main(int argc, char **argv)
 {
     benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    PrintRatios();
+    benchmark::RunSpecifiedBenchmarks();
+    for (const auto &[label, writes] : g_measuredWrites) {
+        std::fprintf(stderr, "measured writes %s %llu\n", label.c_str(), static_cast<unsigned long long>(writes));
+    }
     benchmark::Shutdown();
     return 0;
 }
