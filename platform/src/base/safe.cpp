@@ -20,6 +20,33 @@ bool Overlap(const void *a, size_t aLen, const void *b, size_t bLen)
     return pa < pb + bLen && pb < pa + aLen;
 }
 
+// count bytes at a and at b do not overlap.
+inline bool Apart(const void *a, const void *b, size_t count)
+{
+    auto pa = reinterpret_cast<uintptr_t>(a);
+    auto pb = reinterpret_cast<uintptr_t>(b);
+    return (pa >= pb ? pa - pb : pb - pa) >= count;
+}
+
+// Every check in turn; taken when the fast path's combined test fails.
+__attribute__((noinline, cold)) int MemcpyChecked(void *dest, size_t destMax, const void *src, size_t count)
+{
+    if (rixplat::HitFast(rixplat::Op_memcpy_s)) {
+        return kInjected;
+    }
+    if (dest == nullptr || destMax > kRsizeMax) {
+        return EINVAL;
+    }
+    if (src == nullptr || count > destMax || Overlap(dest, count, src, count)) {
+        std::memset(dest, 0, destMax);
+        return src == nullptr ? EINVAL : ERANGE;
+    }
+    if (count != 0) {
+        std::memcpy(dest, src, count);
+    }
+    return 0;
+}
+
 // A violation leaves an empty string wherever the destination can hold one.
 int StrViolation(char *dest, size_t destMax, int err)
 {
@@ -55,36 +82,36 @@ extern "C" {
 
 int memcpy_s(void *dest, size_t destMax, const void *src, size_t count)
 {
-    if (HitFast(rixplat::Op_memcpy_s)) {
-        return kInjected;
-    }
-    if (dest == nullptr || destMax > kRsizeMax) {
-        return EINVAL;
-    }
-    if (src == nullptr || count > destMax || Overlap(dest, count, src, count)) {
-        std::memset(dest, 0, destMax);
-        return src == nullptr ? EINVAL : ERANGE;
-    }
-    if (count != 0) {
+    // Valid arguments, the usual case, cost a few compares on top of the copy.
+    if (__builtin_expect(dest != nullptr && src != nullptr && count <= destMax && destMax <= kRsizeMax &&
+                             Apart(dest, src, count),
+                         1)) {
+        if (__builtin_expect(HitFast(rixplat::Op_memcpy_s), 0)) {
+            return kInjected;
+        }
         std::memcpy(dest, src, count);
+        return 0;
     }
-    return 0;
+    return MemcpyChecked(dest, destMax, src, count);
 }
 
 int memset_s(void *dest, size_t destMax, int c, size_t count)
 {
+    if (__builtin_expect(dest != nullptr && count <= destMax && destMax <= kRsizeMax, 1)) {
+        if (__builtin_expect(HitFast(rixplat::Op_memset_s), 0)) {
+            return kInjected;
+        }
+        std::memset(dest, c, count);
+        return 0;
+    }
     if (HitFast(rixplat::Op_memset_s)) {
         return kInjected;
     }
     if (dest == nullptr || destMax > kRsizeMax) {
         return EINVAL;
     }
-    if (count > destMax) {
-        std::memset(dest, c, destMax);
-        return ERANGE;
-    }
-    std::memset(dest, c, count);
-    return 0;
+    std::memset(dest, c, destMax);
+    return ERANGE;
 }
 
 int strcpy_s(char *dest, size_t destMax, const char *src)
