@@ -47,6 +47,44 @@ __attribute__((noinline, cold)) int MemcpyChecked(void *dest, size_t destMax, co
     return 0;
 }
 
+__attribute__((noinline, cold)) int MemsetChecked(void *dest, size_t destMax, int c, size_t count)
+{
+    if (rixplat::HitFast(rixplat::Op_memset_s)) {
+        return kInjected;
+    }
+    if (dest == nullptr || destMax > kRsizeMax) {
+        return EINVAL;
+    }
+    if (count > destMax) {
+        std::memset(dest, c, destMax);
+        return ERANGE;
+    }
+    std::memset(dest, c, count);
+    return 0;
+}
+
+// Keys, records and message vectors are a few dozen bytes: copied inline in at most four
+// overlapping moves, which costs less than the call into the C library.
+inline void CopySmall(unsigned char *d, const unsigned char *s, size_t n)
+{
+    if (n >= 16 && n <= 64) {
+        unsigned char a[16], b[16];
+        std::memcpy(a, s, 16);
+        std::memcpy(b, s + n - 16, 16);
+        if (n > 32) {
+            unsigned char c[16], e[16];
+            std::memcpy(c, s + 16, 16);
+            std::memcpy(e, s + n - 32, 16);
+            std::memcpy(d + 16, c, 16);
+            std::memcpy(d + n - 32, e, 16);
+        }
+        std::memcpy(d, a, 16);
+        std::memcpy(d + n - 16, b, 16);
+        return;
+    }
+    std::memcpy(d, s, n);
+}
+
 // A violation leaves an empty string wherever the destination can hold one.
 int StrViolation(char *dest, size_t destMax, int err)
 {
@@ -82,14 +120,12 @@ extern "C" {
 
 int memcpy_s(void *dest, size_t destMax, const void *src, size_t count)
 {
-    // Valid arguments, the usual case, cost a few compares on top of the copy.
+    // Valid arguments, the usual case, cost a few compares on top of the copy; call counting
+    // and injection stay on it (Counted fails only when a thread is new or a failure is armed).
     if (__builtin_expect(dest != nullptr && src != nullptr && count <= destMax && destMax <= kRsizeMax &&
-                             Apart(dest, src, count),
+                             Apart(dest, src, count) && rixplat::CountedFast(rixplat::Op_memcpy_s),
                          1)) {
-        if (__builtin_expect(HitFast(rixplat::Op_memcpy_s), 0)) {
-            return kInjected;
-        }
-        std::memcpy(dest, src, count);
+        CopySmall(static_cast<unsigned char *>(dest), static_cast<const unsigned char *>(src), count);
         return 0;
     }
     return MemcpyChecked(dest, destMax, src, count);
@@ -97,21 +133,13 @@ int memcpy_s(void *dest, size_t destMax, const void *src, size_t count)
 
 int memset_s(void *dest, size_t destMax, int c, size_t count)
 {
-    if (__builtin_expect(dest != nullptr && count <= destMax && destMax <= kRsizeMax, 1)) {
-        if (__builtin_expect(HitFast(rixplat::Op_memset_s), 0)) {
-            return kInjected;
-        }
+    if (__builtin_expect(dest != nullptr && count <= destMax && destMax <= kRsizeMax &&
+                             rixplat::CountedFast(rixplat::Op_memset_s),
+                         1)) {
         std::memset(dest, c, count);
         return 0;
     }
-    if (HitFast(rixplat::Op_memset_s)) {
-        return kInjected;
-    }
-    if (dest == nullptr || destMax > kRsizeMax) {
-        return EINVAL;
-    }
-    std::memset(dest, c, destMax);
-    return ERANGE;
+    return MemsetChecked(dest, destMax, c, count);
 }
 
 int strcpy_s(char *dest, size_t destMax, const char *src)
