@@ -137,6 +137,12 @@ void ResetHashCounters() { g_systemAllocs.store(0, std::memory_order_relaxed); }
     return true;
 }();
 
+// What a block of blockSize takes in the pool: its node in front, rounded to the alignment.
+constexpr uint32_t BlockBytes(uint32_t blockSize)
+{
+    return static_cast<uint32_t>((sizeof(BlockHdr) + blockSize + kBlockAlign - 1) / kBlockAlign * kBlockAlign);
+}
+
 inline uint32_t BucketIndex(const Table *t, const void *key) { return rixplat::ModOf(t->mod, t->hashFunc(key)); }
 
 inline void AddLinked(Table *t, int32_t d)
@@ -219,7 +225,7 @@ void *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t blockSize, uint32_t bu
     }
     t->tag = (g_nextTag.fetch_add(1, std::memory_order_relaxed) << 2) | 4u;  // never 0
     t->mod = rixplat::MakeFastMod(bucketCount);
-    t->stride = static_cast<uint32_t>(RIX_TEST_HashBlockBytes(blockSize));
+    t->stride = BlockBytes(blockSize);
     t->hashFunc = hashFunc;
     t->cmpFunc = cmpFunc;
     t->buckets = buckets;
@@ -395,9 +401,6 @@ uint32_t RIX_TEST_HashBlocksInUse(void)
     return n;
 }
 uint32_t RIX_TEST_HashSystemAllocs(void) { return g_systemAllocs.load(std::memory_order_relaxed); }
-uint32_t RIX_TEST_HashBlockBytes(uint32_t blockSize)
-{
-    return static_cast<uint32_t>((sizeof(BlockHdr) + blockSize + kBlockAlign - 1) / kBlockAlign * kBlockAlign);
-}
+uint32_t RIX_TEST_HashBlockBytes(uint32_t blockSize) { return BlockBytes(blockSize); }
 
 }  // extern "C"
