@@ -68,11 +68,12 @@ public:
     void unlock()
     {
         if (__builtin_expect(state_.exchange(0, std::memory_order_release) == 2, 0)) {
-            Futex(FUTEX_WAKE_PRIVATE, 1);
+            Wake();
         }
     }
 
 private:
+    __attribute__((noinline, cold)) void Wake() { Futex(FUTEX_WAKE_PRIVATE, 1); }
     void Futex(int op, uint32_t val) { (void)syscall(SYS_futex, reinterpret_cast<uint32_t *>(&state_), op, val, nullptr, nullptr, 0); }
     __attribute__((noinline)) void LockSlow(uint32_t c)
     {
@@ -154,7 +155,7 @@ inline BlockHdr *HdrOf(void *data) { return reinterpret_cast<BlockHdr *>(static_
 inline uint32_t StateOf(const BlockHdr *h) { return h->tagState & kStateMask; }
 inline void SetState(BlockHdr *h, uint32_t s) { h->tagState = (h->tagState & ~kStateMask) | s; }
 
-bool Grow(Table *t)
+__attribute__((noinline)) bool Grow(Table *t)
 {
     uint32_t n = t->capacity / kChunkShare;
     n = n < kMinChunkBlocks ? kMinChunkBlocks : (n > kMaxChunkBlocks ? kMaxChunkBlocks : n);
