@@ -96,6 +96,18 @@ TEST_F(PlatformBase, MemoryFunctionsAtTheirLimits)
     EXPECT_EQ(Bytes(dst, dst + 8), Bytes({0, 0, 0, 0, 0xAB, 0xAB, 0xAB, 0xAB}));  // the bound is set
     EXPECT_NE(memset_s(nullptr, 8, 0, 1), 0);
 
+    // Every length copies exactly its bytes, whichever way the copy is made.
+    uint8_t from[96], to[96];
+    for (size_t i = 0; i < sizeof(from); ++i) {
+        from[i] = static_cast<uint8_t>(i + 1);
+    }
+    for (size_t n = 0; n <= 80; ++n) {
+        std::memset(to, 0xEE, sizeof(to));
+        ASSERT_EQ(memcpy_s(to, sizeof(to), from, n), 0);
+        ASSERT_EQ(Bytes(to, to + n), Bytes(from, from + n)) << n;
+        ASSERT_EQ(Bytes(to + n, to + sizeof(to)), Bytes(sizeof(to) - n, 0xEE)) << n;
+    }
+
     // Overlap is refused by one byte either way; touching buffers and empty copies pass.
     uint8_t buf[16] = {};
     EXPECT_EQ(memcpy_s(buf + 4, 12, buf, 4), 0);
@@ -120,7 +132,7 @@ TEST_F(PlatformBase, MemoryFunctionsAtTheirLimits)
     RIX_TEST_FailNth("memset_s", 1);
     EXPECT_EQ(memset_s(dst, sizeof(dst), 0, 8), -1);
     EXPECT_EQ(Bytes(dst, dst + 8), Bytes(8, 1));
-    EXPECT_EQ(RIX_TEST_CallCount("memcpy_s"), 12u);
+    EXPECT_EQ(RIX_TEST_CallCount("memcpy_s"), 93u);
     EXPECT_EQ(RIX_TEST_CallCount("memset_s"), 5u);
 }
 
