@@ -21,12 +21,26 @@ struct ThreadCounts {
 
 extern constinit thread_local ThreadCounts t_counts __attribute__((tls_model("initial-exec"), visibility("hidden")));
 
+// The thread's slots. 32-bit ARM would derive their address from the thread pointer and the
+// GOT again for each of the two accesses, so it is computed once there; x86 addresses them
+// through %fs directly, which a computed pointer would only lengthen.
+inline ThreadCounts &Counts()
+{
+#if defined(__arm__)
+    ThreadCounts *p = &t_counts;
+    asm("" : "+r"(p));
+    return *p;
+#else
+    return t_counts;
+#endif
+}
+
 // First call of a thread, or a failure is armed.
 bool HitSlow(OpId op) __attribute__((visibility("hidden")));
 
 inline bool HitFast(OpId op)
 {
-    ThreadCounts &t = t_counts;
+    ThreadCounts &t = Counts();
     if (__builtin_expect(!t.fast.load(std::memory_order_relaxed), 0)) {
         return HitSlow(op);
     }
@@ -39,7 +53,7 @@ inline bool HitFast(OpId op)
 // HitFast instead (a thread's first call, or a failure armed), without having counted.
 inline bool CountedFast(OpId op)
 {
-    ThreadCounts &t = t_counts;
+    ThreadCounts &t = Counts();
     if (__builtin_expect(!t.fast.load(std::memory_order_relaxed), 0)) {
         return false;
     }
