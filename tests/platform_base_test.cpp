@@ -1,6 +1,8 @@
 // The stand-in base library: bounded functions at their limits, the diagnostic log, the
 // orchpub table and failure injection.
 #include <atomic>
+#include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -93,6 +95,45 @@ TEST_F(PlatformBase, MemoryFunctionsAtTheirLimits)
     EXPECT_NE(memset_s(dst, 4, 0, 5), 0);
     EXPECT_EQ(Bytes(dst, dst + 8), Bytes({0, 0, 0, 0, 0xAB, 0xAB, 0xAB, 0xAB}));  // the bound is set
     EXPECT_NE(memset_s(nullptr, 8, 0, 1), 0);
+
+    // Every length copies exactly its bytes, whichever way the copy is made.
+    uint8_t from[96], to[96];
+    for (size_t i = 0; i < sizeof(from); ++i) {
+        from[i] = static_cast<uint8_t>(i + 1);
+    }
+    for (size_t n = 0; n <= 80; ++n) {
+        std::memset(to, 0xEE, sizeof(to));
+        ASSERT_EQ(memcpy_s(to, sizeof(to), from, n), 0);
+        ASSERT_EQ(Bytes(to, to + n), Bytes(from, from + n)) << n;
+        ASSERT_EQ(Bytes(to + n, to + sizeof(to)), Bytes(sizeof(to) - n, 0xEE)) << n;
+    }
+
+    // Overlap is refused by one byte either way; touching buffers and empty copies pass.
+    uint8_t buf[16] = {};
+    EXPECT_EQ(memcpy_s(buf + 4, 12, buf, 4), 0);
+    EXPECT_EQ(memcpy_s(buf, 4, buf + 4, 4), 0);
+    EXPECT_EQ(memcpy_s(buf, 4, buf, 0), 0);
+    std::memset(buf, 7, sizeof(buf));
+    EXPECT_EQ(memcpy_s(buf + 3, 8, buf, 4), ERANGE);
+    EXPECT_EQ(Bytes(buf, buf + 12), Bytes({7, 7, 7, 0, 0, 0, 0, 0, 0, 0, 0, 7}));
+    std::memset(buf, 7, sizeof(buf));
+    EXPECT_EQ(memcpy_s(buf, 4, buf + 3, 4), ERANGE);
+    EXPECT_EQ(Bytes(buf, buf + 5), Bytes({0, 0, 0, 0, 7}));
+    EXPECT_EQ(memcpy_s(buf, SIZE_MAX, src, 1), EINVAL);
+    EXPECT_EQ(memset_s(buf, SIZE_MAX, 0, 1), EINVAL);
+    EXPECT_EQ(buf[4], 7);  // an unusable bound leaves the destination alone
+
+    // Injection fires on valid arguments too, leaves the destination alone, and every call counts.
+    RIX_TEST_FailNth("memcpy_s", 2);
+    std::memset(dst, 1, sizeof(dst));
+    EXPECT_EQ(memcpy_s(dst, sizeof(dst), src, 0), 0);
+    EXPECT_EQ(memcpy_s(dst, sizeof(dst), src, 8), -1);
+    EXPECT_EQ(Bytes(dst, dst + 8), Bytes(8, 1));
+    RIX_TEST_FailNth("memset_s", 1);
+    EXPECT_EQ(memset_s(dst, sizeof(dst), 0, 8), -1);
+    EXPECT_EQ(Bytes(dst, dst + 8), Bytes(8, 1));
+    EXPECT_EQ(RIX_TEST_CallCount("memcpy_s"), 93u);
+    EXPECT_EQ(RIX_TEST_CallCount("memset_s"), 5u);
 }
 
 TEST_F(PlatformBase, LogLinesAreCapturedOrPrinted)

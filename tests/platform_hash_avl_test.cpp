@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/src/base/fastmod.h"
 #include "test_support.h"
 
 namespace {
@@ -85,6 +86,16 @@ TEST_F(PlatformHash, CollisionsFindRemoveAndCounts)
     EXPECT_EQ(LITE_HASH_FreeData(hash, dup), 0u);
     EXPECT_EQ(ValueOf(hash, 9), 90u);
     EXPECT_EQ(LITE_HASH_GetHashCnt(hash), 11u);
+
+    // Injected failures reach the per-record operations too, once each.
+    RIX_TEST_FailNth("LITE_HASH_FindNodeFromFirst", 1);
+    EXPECT_EQ(Find(hash, 9), nullptr);
+    EXPECT_EQ(ValueOf(hash, 9), 90u);
+    RIX_TEST_FailNth("LITE_HASH_NewData", 1);
+    EXPECT_EQ(LITE_HASH_NewData(hash, 0), nullptr);
+    RIX_TEST_FailNth("LITE_HASH_RemoveNodeByKey", 1);
+    EXPECT_EQ(LITE_HASH_RemoveNodeByKey(hash, &nine), 0u);
+    EXPECT_EQ(ValueOf(hash, 9), 90u);
     EXPECT_EQ(LITE_HASH_DeleteHash(&hash), 0u);
     EXPECT_EQ(hash, nullptr);
     EXPECT_EQ(RIX_TEST_HashBlocksInUse(), inUse);
@@ -123,9 +134,81 @@ TEST_F(PlatformHash, BlockPoolIsReusedAndReleased)
     EXPECT_EQ(LITE_HASH_CreateWithLock(0, 8, 4, nullptr, SameKey, 0), nullptr);
 }
 
+TEST(PlatformFastMod, EqualsRemainderForEverySizeClass)
+{
+    std::vector<uint32_t> sizes = {1, 2, 3, 5, 6, 7, 63, 64, 65, 100, 1000, 4095, 4096, 4097, 65535, 65537,
+                                   0x7FFFFFFFu, 0x80000000u, 0x80000001u, 0xFFFFFFFEu, 0xFFFFFFFFu};
+    std::mt19937 rng(77);
+    for (int i = 0; i < 200; ++i) {
+        sizes.push_back(rng() >> (rng() % 32));
+    }
+    for (uint32_t d : sizes) {
+        if (d == 0) {
+            continue;
+        }
+        const rixplat::FastMod f = rixplat::MakeFastMod(d);
+        std::vector<uint32_t> hashes = {0, 1, d - 1, d, d + 1, 2 * d - 1, 2 * d, 0x7FFFFFFFu, 0x80000000u,
+                                        0xFFFFFFFEu, 0xFFFFFFFFu, 0xFFFFFFFFu - d};
+        for (int i = 0; i < 300; ++i) {
+            hashes.push_back(rng());
+        }
+        for (uint32_t h : hashes) {
+            ASSERT_EQ(rixplat::ModOf(f, h), h % d) << h << " % " << d;
+        }
+    }
+}
+
+// Blocks are as large as asked, at most 7 bytes of rounding, 8-aligned, and writing all of a
+// block disturbs neither its neighbours nor the bookkeeping in front of them.
+TEST_F(PlatformHash, BlocksHaveTheAskedSizeAndBucketsFollowTheHash)
+{
+    const uint32_t header = RIX_TEST_HashBlockBytes(0);
+    EXPECT_EQ(header, 2 * sizeof(void *) + 8);
+    for (uint32_t size : {1u, 7u, 8u, 12u, 36u, 64u, 76u, 100u, 65535u}) {
+        const uint32_t bytes = RIX_TEST_HashBlockBytes(size);
+        EXPECT_EQ(bytes % 8u, 0u);
+        EXPECT_GE(bytes, header + size);
+        EXPECT_LT(bytes, header + size + 8u);
+        void *hash = LITE_HASH_CreateWithLock(0, static_cast<uint16_t>(size), 7, HashKey, SameKey, 0);
+        ASSERT_NE(hash, nullptr);
+        std::vector<char *> blocks(size < 1000 ? 300 : 20);
+        for (char *&b : blocks) {
+            ASSERT_NE(b = static_cast<char *>(LITE_HASH_NewData(hash, 0)), nullptr);
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(b) % 8u, 0u);
+            std::memset(b, 0xFF, size);
+        }
+        EXPECT_EQ(std::abs(blocks[2] - blocks[1]), static_cast<ptrdiff_t>(bytes));
+        for (char *b : blocks) {
+            EXPECT_EQ(LITE_HASH_FreeData(hash, b), 0u);
+        }
+        EXPECT_EQ(LITE_HASH_DeleteHash(&hash), 0u);
+    }
+
+    // The bucket of a key is hash % count for counts with and without a mask.
+    for (uint32_t count : {1u, 7u, 1000u, 1024u}) {
+        void *hash = LITE_HASH_CreateWithLock(0, sizeof(Entry), count, HashKey, SameKey, 0);
+        const uint32_t keys[] = {0u, 3u, 7u, 10u, 1000u, 1003u, 2024u, 0xFFFFFFFFu};
+        for (uint32_t k : keys) {
+            ASSERT_NE(AddEntry(hash, k, 0), nullptr);
+        }
+        for (uint32_t k : keys) {
+            const auto same = std::count_if(std::begin(keys), std::end(keys), [&](uint32_t o) { return o % count == k % count; });
+            EXPECT_EQ(LITE_HASH_GetListCntByKey(hash, &k), static_cast<uint32_t>(same)) << k << " of " << count;
+        }
+        EXPECT_EQ(LITE_HASH_DeleteHash(&hash), 0u);
+    }
+}
+
+// A compare that yields holds the table's lock long enough for the other threads to sleep on it.
+uint32_t SameKeyYielding(void *data, const void *searched, uint32_t arg)
+{
+    std::this_thread::yield();
+    return SameKey(data, searched, arg);
+}
+
 TEST_F(PlatformHash, SharedTableUnderConcurrentThreads)
 {
-    void *hash = LITE_HASH_CreateWithLock(0, sizeof(Entry), 64, HashKey, SameKey, 0);
+    void *hash = LITE_HASH_CreateWithLock(0, sizeof(Entry), 64, HashKey, SameKeyYielding, 0);
     std::atomic<uint32_t> misses{0};
     std::vector<std::thread> threads;
     for (uint32_t t = 0; t < 4; ++t) {

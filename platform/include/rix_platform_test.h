@@ -115,6 +115,9 @@ RIX_PLAT_API uint32_t RIX_TEST_HashBlocksInUse(void);
 RIX_PLAT_API uint32_t RIX_TEST_HashSystemAllocs(void);
 /* Hash tables created and not yet deleted. */
 RIX_PLAT_API uint32_t RIX_TEST_HashTableCount(void);
+/* Bytes a data block of blockSize takes in a table's pool: the bucket node in front of it
+ * plus the block, rounded up to the 8-byte alignment of blocks. */
+RIX_PLAT_API uint32_t RIX_TEST_HashBlockBytes(uint32_t blockSize);
 
 RIX_PLAT_EXTERN_C_END
 

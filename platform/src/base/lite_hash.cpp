@@ -1,14 +1,19 @@
-// Chained hash tables with their own lock. Data blocks come from a per-table pool that grows
-// in chunks; the bucket node lives in a small header in front of each block, so linking and
-// unlinking never allocate, and a block's header and its first bytes share a cache line.
+// Chained hash tables with their own lock. Data blocks come from a per-table pool of blocks of
+// exactly the table's size (header plus block size, rounded to 8 bytes), grown in chunks of
+// about a sixteenth of what the table already holds; the bucket node lives in a small header
+// in front of each block, so linking and unlinking never allocate.
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
-#include <thread>
 
+#include "base/fastmod.h"
 #include "base/op_hit.h"
 #include "lite_hash.h"
 #include "rix_platform_test.h"
@@ -16,9 +21,9 @@
 namespace {
 
 constexpr size_t kBlockAlign = 8;  // data blocks are aligned to 8 bytes
-constexpr size_t kLine = 64;
-constexpr uint32_t kFirstChunkBlocks = 64;
+constexpr uint32_t kMinChunkBlocks = 64;
 constexpr uint32_t kMaxChunkBlocks = 4096;
+constexpr uint32_t kChunkShare = 16;  // a new chunk adds a sixteenth of the capacity
 
 // Low two bits of tagState: the block's state; the rest: the owning table's tag.
 enum BlockState : uint32_t { BlockFree = 0, BlockHeld = 1, BlockLinked = 2 };
@@ -32,52 +37,87 @@ struct BlockHdr {
 };
 static_assert(offsetof(BlockHdr, node) == 0);
 static_assert(sizeof(BlockHdr) % kBlockAlign == 0);
+static_assert(sizeof(BlockHdr) == 2 * sizeof(void *) + 8, "no padding in the node");
 
-struct Chunk {
+struct alignas(kBlockAlign) Chunk {
     Chunk *next;
 };
-constexpr size_t kChunkHdr = kLine;  // keeps the first block on a line boundary
 
-// A spin lock: one atomic exchange to take, one store to release. The tables are mostly used
-// by one thread at a time, where a mutex's second atomic operation is pure cost.
-class SpinLock {
+inline void CpuRelax()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__arm__) || defined(__aarch64__)
+    asm volatile("yield" ::: "memory");
+#endif
+}
+
+// A futex mutex (three states, after Drepper's "Futexes Are Tricky"): one compare-exchange to
+// take and one exchange to release when nobody waits. A waiter spins briefly and then sleeps,
+// so a preempted holder is never starved by spinning waiters, whatever their priorities.
+class FutexLock {
 public:
     void lock()
     {
-        while (flag_.exchange(true, std::memory_order_acquire)) {
-            while (flag_.load(std::memory_order_relaxed)) {
-                std::this_thread::yield();
-            }
+        uint32_t c = 0;
+        if (__builtin_expect(!state_.compare_exchange_strong(c, 1, std::memory_order_acquire,
+                                                             std::memory_order_relaxed), 0)) {
+            LockSlow(c);
         }
     }
-    void unlock() { flag_.store(false, std::memory_order_release); }
+    void unlock()
+    {
+        if (__builtin_expect(state_.exchange(0, std::memory_order_release) == 2, 0)) {
+            Wake();
+        }
+    }
 
 private:
-    std::atomic<bool> flag_{false};
+    __attribute__((noinline, cold)) void Wake() { Futex(FUTEX_WAKE_PRIVATE, 1); }
+    void Futex(int op, uint32_t val) { (void)syscall(SYS_futex, reinterpret_cast<uint32_t *>(&state_), op, val, nullptr, nullptr, 0); }
+    __attribute__((noinline)) void LockSlow(uint32_t c)
+    {
+        for (int spin = 0; spin < 100 && c == 1; ++spin) {
+            CpuRelax();
+            c = state_.load(std::memory_order_relaxed);
+            if (c == 0 && state_.compare_exchange_strong(c, 1, std::memory_order_acquire,
+                                                         std::memory_order_relaxed)) {
+                return;
+            }
+        }
+        if (c != 2) {
+            c = state_.exchange(2, std::memory_order_acquire);
+        }
+        while (c != 0) {
+            Futex(FUTEX_WAIT_PRIVATE, 2);
+            c = state_.exchange(2, std::memory_order_acquire);
+        }
+    }
+    std::atomic<uint32_t> state_{0};  // 0 free, 1 held, 2 held and maybe waited for
 };
+static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t));
+
+using TableLock = FutexLock;
 
 struct Guard {
-    explicit Guard(SpinLock &l) : lock(l) { lock.lock(); }
+    explicit Guard(TableLock &l) : lock(l) { lock.lock(); }
     ~Guard() { lock.unlock(); }
     Guard(const Guard &) = delete;
     Guard &operator=(const Guard &) = delete;
-    SpinLock &lock;
+    TableLock &lock;
 };
 
 struct Table {
-    SpinLock lock;
+    TableLock lock;
     uint32_t tag;
+    rixplat::FastMod mod;
     uint32_t stride;
-    uint32_t bucketCount;
-#if UINTPTR_MAX > 0xFFFFFFFFu
-    uint64_t fastMod;  // remainder by multiplication instead of a division
-#endif
     LITE_HASH_HashFunc hashFunc;
     LITE_HASH_CmpFunc cmpFunc;
     BlockHdr **buckets;
     BlockHdr *freeList;
     Chunk *chunks;
-    uint32_t nextChunkBlocks;
+    uint32_t capacity;             // blocks in all chunks
     std::atomic<uint32_t> linked;  // written under the lock, read without it
     uint32_t held;
     Table *prevTable;
@@ -98,16 +138,13 @@ void ResetHashCounters() { g_systemAllocs.store(0, std::memory_order_relaxed); }
     return true;
 }();
 
-inline uint32_t BucketIndex(const Table *t, const void *key)
+// What a block of blockSize takes in the pool: its node in front, rounded to the alignment.
+constexpr uint32_t BlockBytes(uint32_t blockSize)
 {
-    uint32_t h = t->hashFunc(key);
-#if UINTPTR_MAX > 0xFFFFFFFFu
-    uint64_t low = t->fastMod * h;
-    return static_cast<uint32_t>((static_cast<unsigned __int128>(low) * t->bucketCount) >> 64);
-#else
-    return h % t->bucketCount;
-#endif
+    return static_cast<uint32_t>((sizeof(BlockHdr) + blockSize + kBlockAlign - 1) / kBlockAlign * kBlockAlign);
 }
+
+inline uint32_t BucketIndex(const Table *t, const void *key) { return rixplat::ModOf(t->mod, t->hashFunc(key)); }
 
 inline void AddLinked(Table *t, int32_t d)
 {
@@ -118,11 +155,11 @@ inline BlockHdr *HdrOf(void *data) { return reinterpret_cast<BlockHdr *>(static_
 inline uint32_t StateOf(const BlockHdr *h) { return h->tagState & kStateMask; }
 inline void SetState(BlockHdr *h, uint32_t s) { h->tagState = (h->tagState & ~kStateMask) | s; }
 
-bool Grow(Table *t)
+__attribute__((noinline)) bool Grow(Table *t)
 {
-    uint32_t n = t->nextChunkBlocks;
-    size_t bytes = kChunkHdr + static_cast<size_t>(n) * t->stride;
-    auto *raw = static_cast<char *>(std::aligned_alloc(kLine, (bytes + kLine - 1) / kLine * kLine));
+    uint32_t n = t->capacity / kChunkShare;
+    n = n < kMinChunkBlocks ? kMinChunkBlocks : (n > kMaxChunkBlocks ? kMaxChunkBlocks : n);
+    auto *raw = static_cast<char *>(std::malloc(sizeof(Chunk) + static_cast<size_t>(n) * t->stride));
     if (raw == nullptr) {
         return false;
     }
@@ -131,16 +168,14 @@ bool Grow(Table *t)
     chunk->next = t->chunks;
     t->chunks = chunk;
     for (uint32_t i = n; i-- > 0;) {
-        auto *h = reinterpret_cast<BlockHdr *>(raw + kChunkHdr + static_cast<size_t>(i) * t->stride);
+        auto *h = reinterpret_cast<BlockHdr *>(raw + sizeof(Chunk) + static_cast<size_t>(i) * t->stride);
         h->node.data = reinterpret_cast<char *>(h) + sizeof(BlockHdr);
         h->tagState = t->tag | BlockFree;
         h->bucket = 0;
         h->next = t->freeList;
         t->freeList = h;
     }
-    if (t->nextChunkBlocks < kMaxChunkBlocks) {
-        t->nextChunkBlocks *= 2;
-    }
+    t->capacity += n;
     return true;
 }
 
@@ -190,21 +225,14 @@ void *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t blockSize, uint32_t bu
         return nullptr;
     }
     t->tag = (g_nextTag.fetch_add(1, std::memory_order_relaxed) << 2) | 4u;  // never 0
-    uint32_t stride = static_cast<uint32_t>((sizeof(BlockHdr) + blockSize + kBlockAlign - 1) / kBlockAlign * kBlockAlign);
-    // Whole lines when that costs at most an eighth more: a block then never straddles a line
-    // it does not need.
-    uint32_t lined = static_cast<uint32_t>((stride + kLine - 1) / kLine * kLine);
-    t->stride = (lined - stride) * 8u <= lined ? lined : stride;
-    t->bucketCount = bucketCount;
-#if UINTPTR_MAX > 0xFFFFFFFFu
-    t->fastMod = UINT64_MAX / bucketCount + 1;
-#endif
+    t->mod = rixplat::MakeFastMod(bucketCount);
+    t->stride = BlockBytes(blockSize);
     t->hashFunc = hashFunc;
     t->cmpFunc = cmpFunc;
     t->buckets = buckets;
     t->freeList = nullptr;
     t->chunks = nullptr;
-    t->nextChunkBlocks = kFirstChunkBlocks;
+    t->capacity = 0;
     t->linked.store(0, std::memory_order_relaxed);
     t->held = 0;
     t->prevTable = nullptr;
@@ -374,6 +402,7 @@ uint32_t RIX_TEST_HashBlocksInUse(void)
     return n;
 }
 uint32_t RIX_TEST_HashSystemAllocs(void) { return g_systemAllocs.load(std::memory_order_relaxed); }
+uint32_t RIX_TEST_HashBlockBytes(uint32_t blockSize) { return BlockBytes(blockSize); }
 
 uint32_t RIX_TEST_HashTableCount(void)
 {

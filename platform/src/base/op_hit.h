@@ -1,6 +1,7 @@
 // Inline call counting for the base library's own operations, which sit on hot paths: each
 // thread counts into its own slots with plain relaxed stores, and only an armed failure sends
-// a call down the exact, shared path.
+// a call down the exact, shared path. One per-thread flag decides: it is set once the thread
+// is listed and cleared in every listed thread while a failure is armed.
 #ifndef RIX_PLAT_OP_HIT_H
 #define RIX_PLAT_OP_HIT_H
 
@@ -12,26 +13,53 @@
 namespace rixplat {
 
 struct ThreadCounts {
+    std::atomic<bool> fast;                // listed and nothing armed
     std::atomic<uint32_t> calls[OpCount];  // written by the owning thread only
     ThreadCounts *next;
     bool listed;
 };
 
 extern constinit thread_local ThreadCounts t_counts __attribute__((tls_model("initial-exec"), visibility("hidden")));
-extern std::atomic<bool> g_anyArmed __attribute__((visibility("hidden")));
+
+// The thread's slots. 32-bit ARM would derive their address from the thread pointer and the
+// GOT again for each of the two accesses, so it is computed once there; x86 addresses them
+// through %fs directly, which a computed pointer would only lengthen.
+inline ThreadCounts &Counts()
+{
+#if defined(__arm__)
+    ThreadCounts *p = &t_counts;
+    asm("" : "+r"(p));
+    return *p;
+#else
+    return t_counts;
+#endif
+}
 
 // First call of a thread, or a failure is armed.
 bool HitSlow(OpId op) __attribute__((visibility("hidden")));
 
 inline bool HitFast(OpId op)
 {
-    ThreadCounts &t = t_counts;
-    if (__builtin_expect(!t.listed || g_anyArmed.load(std::memory_order_relaxed), 0)) {
+    ThreadCounts &t = Counts();
+    if (__builtin_expect(!t.fast.load(std::memory_order_relaxed), 0)) {
         return HitSlow(op);
     }
     std::atomic<uint32_t> &c = t.calls[op];
     c.store(c.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return false;
+}
+
+// Counts the call and returns true on the common path; false when the caller must go through
+// HitFast instead (a thread's first call, or a failure armed), without having counted.
+inline bool CountedFast(OpId op)
+{
+    ThreadCounts &t = Counts();
+    if (__builtin_expect(!t.fast.load(std::memory_order_relaxed), 0)) {
+        return false;
+    }
+    std::atomic<uint32_t> &c = t.calls[op];
+    c.store(c.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return true;
 }
 
 }  // namespace rixplat

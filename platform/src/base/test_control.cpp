@@ -12,9 +12,10 @@
 namespace rixplat {
 
 constinit thread_local ThreadCounts t_counts{};
-std::atomic<bool> g_anyArmed{false};
 
 namespace {
+
+std::atomic<bool> g_anyArmed{false};
 
 #define RIX_PLAT_OP_NAME(name) #name,
 constexpr std::array<const char *, OpCount> kOpNames = {RIX_PLAT_OPS(RIX_PLAT_OP_NAME)};
@@ -66,6 +67,17 @@ void ListThisThread()
     t_counts.next = g_threads;
     g_threads = &t_counts;
     t_counts.listed = true;
+    t_counts.fast.store(!g_anyArmed.load(std::memory_order_relaxed), std::memory_order_relaxed);
+}
+
+// Arming sends every listed thread's calls down HitSlow; a reset lets them count inline again.
+void SetArmed(bool armed)
+{
+    std::lock_guard<std::mutex> lock(g_countMutex);
+    g_anyArmed.store(armed, std::memory_order_release);
+    for (ThreadCounts *t = g_threads; t != nullptr; t = t->next) {
+        t->fast.store(!armed, std::memory_order_relaxed);
+    }
 }
 
 uint64_t TotalLocked(uint32_t op)
@@ -128,7 +140,7 @@ void RixPlatInternal_AddResetHook(RixPlatInternal_ResetHook hook)
 
 void RIX_TEST_Reset(void)
 {
-    g_anyArmed.store(false, std::memory_order_release);
+    SetArmed(false);
     for (ArmedSlot &slot : g_armed) {
         slot.always.store(false, std::memory_order_relaxed);
         slot.failAt.store(0, std::memory_order_relaxed);
@@ -168,7 +180,7 @@ void RIX_TEST_FailNth(const char *op, uint32_t nth)
     }
     ArmedSlot &slot = g_armed[static_cast<uint32_t>(i)];
     slot.failAt.store(nth == 0 ? 0 : slot.seq.load(std::memory_order_relaxed) + nth, std::memory_order_relaxed);
-    g_anyArmed.store(true, std::memory_order_release);
+    SetArmed(true);
 }
 
 void RIX_TEST_FailAlways(const char *op, int on)
@@ -178,7 +190,7 @@ void RIX_TEST_FailAlways(const char *op, int on)
         return;
     }
     g_armed[static_cast<uint32_t>(i)].always.store(on != 0, std::memory_order_relaxed);
-    g_anyArmed.store(true, std::memory_order_release);
+    SetArmed(true);
 }
 
 }  // extern "C"
