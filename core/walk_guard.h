@@ -16,7 +16,7 @@ struct WalkFrame {
 };
 
 // Per thread; initial-exec keeps each access one load on every target.
-extern thread_local WalkFrame *t_walk __attribute__((tls_model("initial-exec"), visibility("hidden")));
+extern constinit thread_local WalkFrame *t_walk __attribute__((tls_model("initial-exec"), visibility("hidden")));
 
 // Carries out ASOrchDestroy on a handle whose walks are all over.
 void DestroyNow(ASOrchHandle *handle);

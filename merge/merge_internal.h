@@ -19,8 +19,16 @@ namespace asmerge {
 struct WriteVec {
     ASOrchMsgVec vec;
     void *retired;
+    // The hash service hashes the key at each keyed call of one write (find, add, bucket count);
+    // ASOrchMergeHashFunc remembers its answer for the vector being written.
+    const ASOrchHandle *memoHandle;
+    uint32_t memoChan;
+    uint32_t memoBucket;
 };
 static_assert(offsetof(WriteVec, vec) == 0, "the queue reads the vector at the pointer it is given");
+
+// The vector this thread is writing into a queue, or null.
+extern constinit thread_local WriteVec *t_writing __attribute__((tls_model("initial-exec"), visibility("hidden")));
 
 // Returns the nodes and the bucket block of a merge-message hash to the module's allocator.
 void ReleaseMergeMsgHash(ASOrchHandle *handle, ASIntHash *hash);
