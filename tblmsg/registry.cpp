@@ -8,6 +8,8 @@
 namespace asorch::tblmsg {
 namespace {
 
+constexpr uint32_t kLastQueuedMergeType = 3u;  // 0 to 3 go through a merge queue
+
 // Any node of the hash, to reach the block chain; null when the hash is empty.
 ASIntHashNode *AnyNode(ASIntHash *hash)
 {
@@ -91,6 +93,18 @@ struct RecvKind {
         n.ctrl.version = 0;
         n.recSize = asorch::MakeDivisor(n.ctrl.ipcSize);
     }
+    // Accepted, as the registration has always been, but every message of it would fail or
+    // every record be dropped: the module hears of it once, here.
+    static void Warn(const ASOrchHandle *handle, const Ctrl &c)
+    {
+        if (c.ipcSize == 0u || (c.userDefProc == nullptr && c.keySize > c.ipcSize)) {
+            RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, recv msgId %u: record size %u, key size %u, its messages will be refused.",
+                                handle->name, c.msgId, c.ipcSize, c.keySize);
+        } else if (c.userDefProc == nullptr && c.mergeType <= kLastQueuedMergeType && c.keySize == 0u) {
+            RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, recv msgId %u: key size is 0, its records cannot be merged.",
+                                handle->name, c.msgId);
+        }
+    }
     static constexpr const char *kNoNode = "Orch auto sync recv tbl msg failed to new HashNode";
     static constexpr const char *kAddFail = "Orch autosync recv add HashNode(%u) fail";
 };
@@ -106,6 +120,7 @@ struct TransKind {
         n.ctrl.version = 0;
         n.recSize = asorch::MakeDivisor(0u);
     }
+    static void Warn(const ASOrchHandle *, const Ctrl &) {}
     static constexpr const char *kNoNode = "Orch auto sync trans tbl msg failed to new HashNode";
     static constexpr const char *kAddFail = "Orch autosync trans add HashNode(%u) fail";
 };
@@ -143,6 +158,7 @@ uint32_t Fill(ASOrchHandle *handle, ASIntHash *hash, const ASOrchTblMsgList *lis
             return FillFailed(handle, nodes, i);
         }
         Kind::Complete(node, isFes);
+        Kind::Warn(handle, node.ctrl);
         node.hashNode.key = Kind::Key(node.ctrl);
         if (ASIntHashAdd(hash, &node.hashNode) != 0) {
             RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, Kind::kAddFail, node.hashNode.key);

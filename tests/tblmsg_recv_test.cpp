@@ -151,6 +151,21 @@ TEST_F(RecvTest, RegistryRefusesDuplicatesAndGivesEverythingBack)
     EXPECT_EQ(handle_->tblMsgRecvHash, nullptr);
 }
 
+// Registrations that can never work are accepted, and said once, by name and id.
+TEST_F(RecvTest, RegistrationsThatCannotWorkAreNamedOnce)
+{
+    ASOrchTblMsgRecvReg noRecord = Plain(5, 4), longKey = Plain(6, 0), noKey = Plain(7, 1), fine = Plain(8, 0);
+    noRecord.ipcSize = 0;
+    longKey.keySize = kRec + 1;
+    noKey.keySize = 0;
+    ASSERT_EQ(Register({noRecord, longKey, noKey, fine}), 0u);
+    EXPECT_TRUE(rixtest::HasLine("rv, recv msgId 5: record size 0, key size 4, its messages will be refused."));
+    EXPECT_TRUE(rixtest::HasLine("rv, recv msgId 6: record size " + std::to_string(kRec) + ", key size " +
+                                 std::to_string(kRec + 1) + ", its messages will be refused."));
+    EXPECT_TRUE(rixtest::HasLine("rv, recv msgId 7: key size is 0, its records cannot be merged."));
+    EXPECT_EQ(rixtest::CountContaining("rv, recv msgId"), 3u) << rixtest::DumpLines();
+}
+
 TEST_F(RecvTest, BodiesGoRecordByRecordInOrderOrAsOneRunWithTheirVersions)
 {
     ASOrchTblMsgRecvReg user = Plain(20, 9), zero = Plain(30, 4);
