@@ -118,9 +118,12 @@ typedef struct ASOrchTblMsgTransCtrl {
 } ASOrchTblMsgTransCtrl;
 
 /* The elements of a module's registration arrays: the control records without the fields
- * that the registry keeps. Nothing here is checked at registration beyond a duplicate msgId
- * or tableId: a receive record with ipcSize 0, or without userDefProc and with keySize
- * above ipcSize, is accepted, and every message of its msgId then fails in ASOrchMsgProc. */
+ * that the registry keeps. Only a duplicate msgId or tableId fails registration. A receive
+ * record with ipcSize 0, or without userDefProc and with keySize above ipcSize, is accepted
+ * with the line "%s, recv msgId %u: record size %u, key size %u, its messages will be
+ * refused." and every message of its msgId then fails in ASOrchMsgProc; a merge type 0 to 3
+ * with keySize 0 is accepted with "%s, recv msgId %u: key size is 0, its records cannot be
+ * merged." and each of its records is dropped. */
 typedef struct ASOrchTblMsgRecvReg {
     uint32_t mergeMsgId;               /* msgId of the records' vectors (the ASOrchMergeMsg id) */
     uint32_t msgId;                    /* the message's id: the registry key */
