@@ -30,7 +30,9 @@ set(_rix_plat_pkg librix-utils1)
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME librix-autosync-orch)
 set(CPACK_PACKAGE_VENDOR "librix_autosync_orch")
-set(CPACK_PACKAGE_CONTACT "librix_autosync_orch maintainers <rix-autosync-orch@localhost>")
+set(RIX_DEB_MAINTAINER "librix_autosync_orch maintainers <rix-autosync-orch@localhost>"
+  CACHE STRING "Maintainer field of the Debian packages")
+set(CPACK_PACKAGE_CONTACT "${RIX_DEB_MAINTAINER}")
 set(CPACK_PACKAGE_VERSION ${_rix_ver})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/packages)
@@ -40,7 +42,6 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL orch orch_dev platform platform_dev)
 set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${_rix_deb_arch})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_HOMEPAGE "https://localhost/librix_autosync_orch")
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # dpkg-shlibdeps cannot read the cross build's libraries on the build host: the C and C++
 # runtimes are named here, from the libraries' NEEDED entries.
@@ -50,7 +51,7 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(CPACK_DEBIAN_ORCH_PACKAGE_NAME ${_rix_orch_pkg})
 set(CPACK_DEBIAN_ORCH_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_ORCH_PACKAGE_DEPENDS "libc6, libgcc-s1, libstdc++6, ${_rix_plat_pkg} (>= ${_rix_ver})")
+set(CPACK_DEBIAN_ORCH_PACKAGE_DEPENDS "libc6, libgcc-s1, ${_rix_plat_pkg} (>= ${_rix_ver})")
 set(CPACK_COMPONENT_ORCH_DESCRIPTION
   "AutoSync orchestrator of the platform's control-plane modules\n The shared library librix_autosync_orch.so.${_rix_soversion}.")
 

@@ -20,8 +20,12 @@ fi
 case $mode in
     --check)
         echo "format.sh: $($cf --version), ${#files[@]} files"
-        if ! printf '%s\0' "${files[@]}" | xargs -0 -n 16 "$cf" --dry-run -Werror --style=file; then
-            echo "format.sh: files differ from .clang-format; 'scripts/format.sh --fix' reformats them" >&2
+        out=$(printf '%s\0' "${files[@]}" | xargs -0 -n 16 "$cf" --dry-run -Werror --style=file 2>&1) && rc=0 || rc=$?
+        if ((rc != 0)); then
+            printf '%s\n' "$out"
+            bad=$(printf '%s\n' "$out" | sed -n 's/^\([^: ]*\):[0-9]*:[0-9]*: error: .*clang-format-violations.*/\1/p' | sort -u)
+            echo "--> format: $(grep -c . <<<"$bad") of ${#files[@]} files differ from .clang-format; scripts/format.sh --fix reformats them:"
+            printf '%s\n' "$bad" | head -n 20 | sed 's/^/-->   /'
             exit 1
         fi
         echo "format.sh: all files formatted"

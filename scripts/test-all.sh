@@ -136,21 +136,21 @@ coverage() {
         --fail-under-line "$RIX_COV_LINE_FLOOR" --fail-under-branch "$RIX_COV_BRANCH_FLOOR" || rc=1
     gcovr "${common[@]}" --filter 'platform/' --json-summary "$dir/coverage-platform.json" >/dev/null || rc=1
     python3 - "$dir/coverage-lib.json" "$dir/coverage-platform.json" <<'PY' || rc=1
-import json, sys
+import json, os, sys
 for path, title in ((sys.argv[1], "library"), (sys.argv[2], "stand-in platform")):
     d = json.load(open(path))
     folders = {}
     for f in d["files"]:
-        key = f["filename"].split("/")[0] if title == "library" else "/".join(f["filename"].split("/")[:3])
+        key = f["filename"].split("/")[0] if title == "library" else os.path.dirname(f["filename"])
         t = folders.setdefault(key, [0, 0, 0, 0])
         for i, k in enumerate(("line_covered", "line_total", "branch_covered", "branch_total")):
             t[i] += f[k]
     pct = lambda a, b: 100.0 * a / b if b else 100.0
-    print("--> %-17s lines %5.1f%% (%d/%d)  branches %5.1f%% (%d/%d)" % (title, pct(d["line_covered"], d["line_total"]),
+    print("--> %-19s lines %5.1f%% (%d/%d)  branches %5.1f%% (%d/%d)" % (title, pct(d["line_covered"], d["line_total"]),
           d["line_covered"], d["line_total"], pct(d["branch_covered"], d["branch_total"]), d["branch_covered"], d["branch_total"]))
     for k in sorted(folders):
         lc, lt, bc, bt = folders[k]
-        print("-->   %-15s lines %5.1f%% (%d/%d)  branches %5.1f%% (%d/%d)" % (k, pct(lc, lt), lc, lt, pct(bc, bt), bc, bt))
+        print("-->   %-17s lines %5.1f%% (%d/%d)  branches %5.1f%% (%d/%d)" % (k, pct(lc, lt), lc, lt, pct(bc, bt), bc, bt))
 PY
     echo "--> floors: lines ${RIX_COV_LINE_FLOOR}%, branches ${RIX_COV_BRANCH_FLOOR}% (library)"
     [[ ${#html[@]} -eq 0 ]] || echo "--> HTML report: $dir/html/index.html"
@@ -220,7 +220,7 @@ check_debs() {
         ./usr/lib/pkgconfig/rix_autosync_orch.pc ./usr/lib/cmake/rix_autosync_orch/rix_autosync_orch-config.cmake; do
         grep -qF " $f" <<<"$list" || { echo "packages: $(basename "$orch_dev") lacks $f"; return 1; }
     done
-    ! grep -qE '\.so\.[0-9]' <<<"$list" || { echo "packages: $(basename "$orch_dev") holds the runtime library"; return 1; }
+    ! awk '{print $6}' <<<"$list" | grep -qE '\.so\.[0-9]' || { echo "packages: $(basename "$orch_dev") holds the runtime library"; return 1; }
     list=$(dpkg-deb -c "$plat")
     for f in librix_utils_base.so.1 librix_utils_eal.so.1 librix_utils_smooth.so.1; do
         grep -qF " ./usr/lib/$f -> $f.0.0" <<<"$list" || { echo "packages: $(basename "$plat") lacks $f"; return 1; }
@@ -238,6 +238,10 @@ check_debs() {
     dpkg-deb -x "$orch" "$tmp"
     readelf -d "$tmp/usr/lib/librix_autosync_orch.so.1.0.0" | grep -q 'SONAME.*\[librix_autosync_orch.so.1\]' ||
         { echo "packages: SONAME of librix_autosync_orch.so.1.0.0 is not librix_autosync_orch.so.1"; rc=1; }
+    local machine=X86-64
+    [[ $arch == armhf ]] && machine=ARM
+    readelf -h "$tmp/usr/lib/librix_autosync_orch.so.1.0.0" | grep -q "Machine:.* $machine\$" ||
+        { echo "packages: librix_autosync_orch.so.1.0.0 is not built for $machine"; rc=1; }
     rm -rf "$tmp"
     return $rc
 }
