@@ -3,6 +3,8 @@
 # an example module and tests/newcomer_module.c (a module written from the README and headers
 # alone) against the installed tree through find_package and through pkg-config.
 # Usage: install_test.sh BUILD_DIR EXAMPLE_C C_COMPILER [TOOLCHAIN_FILE] [EMULATOR] [SANITIZERS]
+# With RIX_INSTALLED_PREFIX set, nothing is installed: the checks and builds run against that
+# prefix (e.g. the usr/ of the Debian packages unpacked into a scratch root).
 set -euo pipefail
 
 build=$1 example=$2 cc=$3 toolchain=${4:-} emulator=${5:-} sanitize=${6:-}
@@ -19,7 +21,11 @@ if [[ -n $sanitize ]]; then
     san_flags=(-fsanitize="${sanitize//;/,}" -fno-omit-frame-pointer)
 fi
 
-cmake --install "$build" --prefix "$prefix" >"$work/install.log" || { cat "$work/install.log"; fail "cmake --install failed"; }
+if [[ -n ${RIX_INSTALLED_PREFIX:-} ]]; then
+    prefix=$RIX_INSTALLED_PREFIX
+else
+    cmake --install "$build" --prefix "$prefix" >"$work/install.log" || { cat "$work/install.log"; fail "cmake --install failed"; }
+fi
 
 libdir=$(cd "$prefix" && dirname "$(find . -name 'librix_autosync_orch.so' | head -n1)")
 [[ $libdir != . && -n $libdir ]] || fail "librix_autosync_orch.so not installed"
