@@ -9,7 +9,7 @@ namespace {
 uint32_t ReadAdapter(void *data, uint32_t dataSize, void *usrData)
 {
     // Once the module asked for destroy from this drain, the rest of the batch is only released.
-    if (__builtin_expect(asorch::t_walk->destroyDeferred, false)) {
+    if (asorch::t_walk->destroyDeferred) [[unlikely]] {
         return asmerge::ReleaseCopy(data, dataSize);
     }
     return ASOrchReadMergeMsgCallBack(static_cast<ASOrchMsgVec *>(data), dataSize,

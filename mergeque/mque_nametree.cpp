@@ -3,8 +3,6 @@
 
 #include "mergeque/mque_internal.h"
 
-using rix::mque::NameTreeDeleteNode;
-
 extern "C" {
 
 // Zero-filled static storage: the tree starts empty and initFlag 0.

@@ -48,11 +48,11 @@ void FRM_DiagLogWrite(const char *tag, const char *message)
             std::lock_guard<std::mutex> lock(g_logMutex);
             g_lines.push_back(Line{t, m});
         } catch (...) {
-            std::fprintf(stderr, "%s: %s\n", t, m);
+            (void)std::fprintf(stderr, "%s: %s\n", t, m);
         }
         return;
     }
-    std::fprintf(stderr, "%s: %s\n", t, m);
+    (void)std::fprintf(stderr, "%s: %s\n", t, m);
 }
 
 void RIX_TEST_LogCapture(int on) { g_capture.store(on != 0); }

@@ -60,14 +60,13 @@ public:
     void lock()
     {
         uint32_t c = 0;
-        if (__builtin_expect(!state_.compare_exchange_strong(c, 1, std::memory_order_acquire,
-                                                             std::memory_order_relaxed), 0)) {
+        if (!state_.compare_exchange_strong(c, 1, std::memory_order_acquire, std::memory_order_relaxed)) [[unlikely]] {
             LockSlow(c);
         }
     }
     void unlock()
     {
-        if (__builtin_expect(state_.exchange(0, std::memory_order_release) == 2, 0)) {
+        if (state_.exchange(0, std::memory_order_release) == 2) [[unlikely]] {
             Wake();
         }
     }

@@ -41,7 +41,7 @@ bool HitSlow(OpId op) __attribute__((visibility("hidden")));
 inline bool HitFast(OpId op)
 {
     ThreadCounts &t = Counts();
-    if (__builtin_expect(!t.fast.load(std::memory_order_relaxed), 0)) {
+    if (!t.fast.load(std::memory_order_relaxed)) [[unlikely]] {
         return HitSlow(op);
     }
     std::atomic<uint32_t> &c = t.calls[op];
@@ -54,7 +54,7 @@ inline bool HitFast(OpId op)
 inline bool CountedFast(OpId op)
 {
     ThreadCounts &t = Counts();
-    if (__builtin_expect(!t.fast.load(std::memory_order_relaxed), 0)) {
+    if (!t.fast.load(std::memory_order_relaxed)) [[unlikely]] {
         return false;
     }
     std::atomic<uint32_t> &c = t.calls[op];

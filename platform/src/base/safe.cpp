@@ -117,9 +117,8 @@ int memcpy_s(void *dest, size_t destMax, const void *src, size_t count)
 {
     // Valid arguments, the usual case, cost a few compares on top of the copy; call counting
     // and injection stay on it (Counted fails only when a thread is new or a failure is armed).
-    if (__builtin_expect(dest != nullptr && src != nullptr && count <= destMax && destMax <= kRsizeMax &&
-                             Apart(dest, src, count) && rixplat::CountedFast(rixplat::Op_memcpy_s),
-                         1)) {
+    if (dest != nullptr && src != nullptr && count <= destMax && destMax <= kRsizeMax && Apart(dest, src, count) &&
+        rixplat::CountedFast(rixplat::Op_memcpy_s)) [[likely]] {
         CopySmall(static_cast<unsigned char *>(dest), static_cast<const unsigned char *>(src), count);
         return 0;
     }
@@ -128,9 +127,8 @@ int memcpy_s(void *dest, size_t destMax, const void *src, size_t count)
 
 int memset_s(void *dest, size_t destMax, int c, size_t count)
 {
-    if (__builtin_expect(dest != nullptr && count <= destMax && destMax <= kRsizeMax &&
-                             rixplat::CountedFast(rixplat::Op_memset_s),
-                         1)) {
+    if (dest != nullptr && count <= destMax && destMax <= kRsizeMax && rixplat::CountedFast(rixplat::Op_memset_s))
+        [[likely]] {
         std::memset(dest, c, count);
         return 0;
     }

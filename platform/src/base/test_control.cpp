@@ -99,7 +99,7 @@ int FindOp(const char *op)
             return static_cast<int>(i);
         }
     }
-    std::fprintf(stderr, "rix platform stand-in: unknown operation \"%s\"\n", op);
+    (void)std::fprintf(stderr, "rix platform stand-in: unknown operation \"%s\"\n", op);
     return -1;
 }
 

@@ -23,7 +23,7 @@ uint32_t DrainCtl(int32_t fd, uint32_t events, void *ctx)
     return 0;
 }
 
-void RunLoop(std::shared_ptr<Loop> keep, int32_t epFd)
+void RunLoop(const std::shared_ptr<Loop> &keep, int32_t epFd)
 {
     Loop *loop = keep.get();
     while (!loop->stop.load(std::memory_order_acquire)) {
