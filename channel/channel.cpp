@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "channel/thread_bit.h"
+#include "core/common.h"
 #include "core/eal_records.h"
 #include "rix_platform.h"
 
@@ -14,7 +14,6 @@ constexpr size_t kChanNameSize = sizeof(ASOrchChanPara{}.chanName);
 constexpr size_t kMaxSuffixLen = 15u;
 constexpr uint32_t kChanWord1 = 0x3FFFFFFFu;
 constexpr uint32_t kChanWord18 = 3u;
-constexpr char kBrokerAddr[] = "127.0.0.1";
 
 template <size_t N>
 constexpr ASOrchChanPara ChanRow(uint32_t chanNo, const char (&suffix)[N], uint32_t recvThreadId, uint32_t word27)
@@ -53,7 +52,7 @@ ASORCH_API const char *ASGetChnlName(uint32_t chanNo)
 ASORCH_API uint32_t ASOrchGetChanServerIp(void)
 {
     struct in_addr addr {};
-    if (inet_pton(AF_INET, kBrokerAddr, &addr) != 1) {
+    if (inet_pton(AF_INET, asorch::kBrokerAddrText, &addr) != 1) {
         return 0u;
     }
     return addr.s_addr;
@@ -110,7 +109,7 @@ ASORCH_API uint32_t ASOrchRegChannel(ASOrchHandle *handle, const ASOrchChanPort 
     if (memcpy_s(&chan, sizeof(chan), row, sizeof(*row)) != 0) {
         return ASORCH_ERR;
     }
-    if (ASOrchThreadBitTest(ASORCH_THREAD_EVENT, handle->threadMask) == 0u) {
+    if (!asorch::HasThread(handle->threadMask, ASORCH_THREAD_EVENT)) {
         chan.recvThreadId = ASORCH_THREAD_DATA;
     }
     if (ASOrchChanAddNamePrefix(handle, static_cast<uint32_t>(sizeof(chan.chanName)), chan.chanName) != 0u) {

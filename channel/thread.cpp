@@ -4,7 +4,7 @@
 #include <cstdarg>
 #include <cstring>
 
-#include "channel/thread_bit.h"
+#include "core/common.h"
 #include "core/eal_records.h"
 #include "rix_platform.h"
 
@@ -27,11 +27,6 @@ uint32_t IdBit(uint32_t id)
 }  // namespace
 
 extern "C" {
-
-uint32_t ASOrchThreadBitTest(uint32_t bit, uint32_t mask)
-{
-    return (IdBit(bit) & mask) != 0u ? 1u : 0u;
-}
 
 ASORCH_API uint32_t ASOrchThreadSet(uint32_t *mask, uint32_t count, uint32_t firstId, ...)
 {
@@ -82,7 +77,7 @@ ASORCH_API uint32_t ASOrchRegThreadBase(ASOrchHandle *handle, ASOrchBasePara *pa
     std::array<ASOrchThreadCfg, ASORCH_THREAD_NUM> cfg{};
     uint32_t k = 0u;
     for (uint32_t i = 0; i < ASORCH_THREAD_NUM && i < count; ++i) {
-        if (ASOrchThreadBitTest(i, para->threadMask) == 0u) {
+        if (!asorch::HasThread(para->threadMask, i)) {
             continue;
         }
         cfg[k] = rows[i];
@@ -104,7 +99,7 @@ ASORCH_API uint32_t ASOrchRegThread(ASOrchHandle *handle, ASOrchBasePara *para)
     if (handle == nullptr || para == nullptr) {
         return ASORCH_ERR;
     }
-    if (ASOrchThreadBitTest(ASORCH_THREAD_DATA, para->threadMask) == 0u) {
+    if (!asorch::HasThread(para->threadMask, ASORCH_THREAD_DATA)) {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, set threads fail, has not Data thread", handle->name);
         return ASORCH_ERR;
     }

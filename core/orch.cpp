@@ -1,6 +1,7 @@
 // The orchestrator handle: creation with its abstraction-layer instance, accessors,
 // advanced sync-group settings, and destruction.
 #include "core/eal_records.h"
+#include "core/common.h"
 #include "core/orch_internal.h"
 #include "core/walk_guard.h"
 #include "merge/merge_internal.h"
@@ -215,7 +216,7 @@ ASORCH_API uint32_t ASOrchModInitOk(ASOrchHandle *handle)
 {
     // A null handle has no name to print; the layer then answers for a null instance.
     RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, Orch auto sync ModInitOk.",
-                        handle != nullptr ? handle->name : "UNKONWN");
+                        asorch::NameOf(handle));
     return RIX_EAL_ModInitOk(ASOrchGetEalHdl(handle));
 }
 
@@ -230,7 +231,7 @@ ASORCH_API uint32_t ASOrchTimerInit(ASOrchHandle *handle, uintptr_t timerWord1, 
     void *eal = ASOrchGetEalHdl(handle);
     if (eal == nullptr) {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, auto sync timer init Fail, ealHdl is NULL",
-                            handle != nullptr ? handle->name : "UNKONWN");
+                            asorch::NameOf(handle));
         return ASORCH_ERR;
     }
     const int32_t epFd = RIX_EAL_GetEpollFd(eal, threadId);

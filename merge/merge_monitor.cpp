@@ -1,11 +1,12 @@
 // Water-mark reactions of the merge queues: throttle the channel (mb role) or sync group 0.
 #include "merge/merge_internal.h"
 
+#include "core/common.h"
+
 #include "rix_platform.h"
 
 namespace {
 
-constexpr uint32_t kSyncThreadBit = 2u;
 constexpr uint32_t kBackPressGrp = 0u;
 
 }  // namespace
@@ -17,7 +18,7 @@ ASORCH_API void ASOrchMqueHighWaterWithoutSyncThread(ASOrchHandle *handle)
     if (handle == nullptr) {
         return;
     }
-    if ((handle->threadMask & kSyncThreadBit) == 0u) {
+    if (!asorch::HasThread(handle->threadMask, ASORCH_THREAD_SYNC)) {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, mb mque high water. suggest config syncGrp sync thread",
                             handle->name);
     }

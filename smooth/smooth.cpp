@@ -78,7 +78,7 @@ extern "C" {
 
 uint32_t ASOrchSmoothMsgCheck(const ASOrchSmoothItem *item, uint32_t msgSize, int32_t remain)
 {
-    if (asorch::tblmsg::NullArg(__func__, item == nullptr)) {
+    if (asorch::NullArg(__func__, item == nullptr)) {
         return ASORCH_ERR;
     }
     const uint32_t length = Length(item);
@@ -93,7 +93,7 @@ uint32_t ASOrchSmoothMsgCheck(const ASOrchSmoothItem *item, uint32_t msgSize, in
 
 uint32_t ASOrchVrfStateEntry(ASOrchHandle *handle, const ASOrchSmoothItem *item, const ASOrchClassStateRec *record)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || item == nullptr || record == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || item == nullptr || record == nullptr)) {
         return ASORCH_ERR;
     }
     if (OptType(item) == ASORCH_SMOOTH_CLASS_BEGIN) {
@@ -104,7 +104,7 @@ uint32_t ASOrchVrfStateEntry(ASOrchHandle *handle, const ASOrchSmoothItem *item,
 
 uint32_t ASOrchVrfClassItemEntry(const ASOrchSmoothItem *item, const ASOrchVrfClassDataRec *record)
 {
-    if (asorch::tblmsg::NullArg(__func__, item == nullptr || record == nullptr)) {
+    if (asorch::NullArg(__func__, item == nullptr || record == nullptr)) {
         return ASORCH_ERR;
     }
     if (OptType(item) == ASORCH_SMOOTH_VRF_DATA_BEGIN) {
@@ -116,7 +116,7 @@ uint32_t ASOrchVrfClassItemEntry(const ASOrchSmoothItem *item, const ASOrchVrfCl
 int32_t ASOrchSmoothClassState(ASOrchHandle *handle, const ASOrchSmoothItem *item, int32_t remain,
                                ASOrchSmoothCbFunc smoothPreProc, ASOrchSmoothCbFunc smoothProc)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || item == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || item == nullptr)) {
         return -1;
     }
     ASOrchClassStateRec rec;
@@ -136,7 +136,7 @@ int32_t ASOrchSmoothClassState(ASOrchHandle *handle, const ASOrchSmoothItem *ite
 int32_t ASOrchSmoothVrfState(ASOrchHandle *handle, const ASOrchSmoothItem *item, int32_t remain,
                              ASOrchSmoothCbFunc smoothPreProc, ASOrchSmoothCbFunc smoothProc)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || item == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || item == nullptr)) {
         return -1;
     }
     ASOrchVrfStateRec rec;
@@ -161,7 +161,7 @@ int32_t ASOrchSmoothVrfState(ASOrchHandle *handle, const ASOrchSmoothItem *item,
 int32_t ASOrchSmoothVrfClassData(ASOrchHandle *handle, const ASOrchSmoothItem *item, int32_t remain,
                                  ASOrchSmoothCbFunc smoothPreProc, ASOrchSmoothCbFunc smoothProc)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || item == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || item == nullptr)) {
         return -1;
     }
     ASOrchVrfClassDataRec rec;
@@ -185,7 +185,7 @@ int32_t ASOrchSmoothVrfClassData(ASOrchHandle *handle, const ASOrchSmoothItem *i
 int32_t ASOrchSmoothPidState(ASOrchHandle *handle, const ASOrchSmoothItem *item, int32_t remain,
                              ASOrchSmoothCbFunc smoothPreProc, ASOrchSmoothCbFunc smoothProc)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || item == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || item == nullptr)) {
         return -1;
     }
     if (ASOrchSmoothMsgCheck(item, kPidStateLen, remain) != 0) {
@@ -203,7 +203,7 @@ int32_t ASOrchSmoothPidState(ASOrchHandle *handle, const ASOrchSmoothItem *item,
 int32_t ASOrchSmoothLrClassData(ASOrchHandle *, const ASOrchSmoothItem *item, int32_t remain,
                                 ASOrchSmoothCbFunc, ASOrchSmoothCbFunc smoothProc)
 {
-    if (asorch::tblmsg::NullArg(__func__, item == nullptr)) {
+    if (asorch::NullArg(__func__, item == nullptr)) {
         return -1;
     }
     ASOrchLrClassRec rec;
@@ -221,7 +221,7 @@ int32_t ASOrchSmoothLrClassData(ASOrchHandle *, const ASOrchSmoothItem *item, in
 int32_t ASOrchSmoothDamClassData(ASOrchHandle *, const ASOrchSmoothItem *item, int32_t remain,
                                  ASOrchSmoothCbFunc smoothPreProc, ASOrchSmoothCbFunc smoothProc)
 {
-    if (asorch::tblmsg::NullArg(__func__, item == nullptr)) {
+    if (asorch::NullArg(__func__, item == nullptr)) {
         return -1;
     }
     if (ASOrchSmoothMsgCheck(item, kDamClassLen, remain) != 0) {
@@ -237,7 +237,7 @@ int32_t ASOrchSmoothDamClassData(ASOrchHandle *, const ASOrchSmoothItem *item, i
 int32_t ASOrchSmoothMsgProc(ASOrchHandle *handle, const ASOrchSmoothItem *item, int32_t remain,
                             ASOrchSmoothCbFunc smoothPreProc, ASOrchSmoothCbFunc smoothProc)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || item == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || item == nullptr)) {
         return -1;
     }
     // The header is read only when it lies inside what remains.
@@ -253,7 +253,7 @@ int32_t ASOrchSmoothMsgProc(ASOrchHandle *handle, const ASOrchSmoothItem *item, 
 
 uint32_t ASOrchTransTblSmooth(ASOrchHandle *handle, const ASOrchTransTlv *tlv, const ASOrchTblMsgTransCtrl *ctrl)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || tlv == nullptr || ctrl == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || tlv == nullptr || ctrl == nullptr)) {
         return ASORCH_ERR;
     }
     const asorch::tblmsg::TlvHeader hdr = asorch::tblmsg::LoadTlv(tlv);

@@ -1,15 +1,13 @@
 // Sync groups: the default rows, their adjustment to the module's settings and threads,
 // the selection and numbering of groups, and their registration with the layer.
+#include "core/common.h"
 #include "core/eal_records.h"
 #include "rix_platform.h"
 #include "syncgrp/syncgrp_bit.h"
 
 namespace {
 
-constexpr uint32_t kThreadBitSync = 1u << ASORCH_THREAD_SYNC;
-constexpr uint32_t kThreadBitEvent = 1u << ASORCH_THREAD_EVENT;
 constexpr uint32_t kRowsBytes = static_cast<uint32_t>(sizeof(ASOrchSyncGrpPara) * ASORCH_SYNCGRP_NUM);
-constexpr const char *kNoName = "UNKONWN";
 
 ASOrchSyncGrpPara *AllocRows(const ASOrchHandle *handle)
 {
@@ -123,10 +121,10 @@ ASORCH_API ASOrchSyncGrpPara *ASOrchGetBaseSynGrpPara(ASOrchHandle *handle, ASOr
     ASOrchSetUserDefSyncGrpPara(handle, rows);
     // Without an EVENT thread everything runs its logic on DATA; without a SYNC thread each
     // group communicates on its logic thread.
-    if ((para->threadMask & kThreadBitEvent) == 0u) {
+    if (!asorch::HasThread(para->threadMask, ASORCH_THREAD_EVENT)) {
         ASOrchResetBaseLogicThd(rows, ASORCH_SYNCGRP_NUM);
     }
-    if ((para->threadMask & kThreadBitSync) == 0u) {
+    if (!asorch::HasThread(para->threadMask, ASORCH_THREAD_SYNC)) {
         ASOrchResetBaseCommThd(rows, ASORCH_SYNCGRP_NUM);
     }
     return rows;
@@ -291,7 +289,7 @@ ASORCH_API uint32_t ASOrchRegSyncGrpBase(ASOrchHandle *handle, ASOrchBasePara *p
 ASORCH_API ASOrchSyncGrpRes *ASOrchGroupGetRes(ASOrchHandle *handle)
 {
     if (handle == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch autosync msg Fail, handle is Null", kNoName);
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch autosync msg Fail, handle is Null", asorch::kNoName);
         return nullptr;
     }
     if (handle->syncGrpRes == nullptr) {
@@ -306,7 +304,7 @@ ASORCH_API int32_t ASOrchGetSyncGrpId(ASOrchHandle *handle, uint32_t grpIndex)
     const ASOrchSyncGrpRes *res = ASOrchGroupGetRes(handle);
     if (res == nullptr) {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch autosync sync group res is NULL",
-                            handle != nullptr ? handle->name : kNoName);
+                            asorch::NameOf(handle));
         return -1;
     }
     return grpIndex < ASORCH_SYNCGRP_NUM ? res->grpId[grpIndex] : -1;

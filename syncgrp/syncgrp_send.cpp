@@ -1,4 +1,5 @@
 // Flow control of the registered sync groups, and sending to the peer through them.
+#include "core/common.h"
 #include "core/eal_records.h"
 #include "rix_platform.h"
 
@@ -38,7 +39,7 @@ ASORCH_API uint32_t ASOrchSyncBatchMsg(ASOrchHandle *handle, uint32_t grpIndex, 
     const int32_t id = ASOrchGetSyncGrpId(handle, grpIndex);
     if (id == -1) {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch autosync msg Fail, sync groupid Fail msgType = %u",
-                            handle != nullptr ? handle->name : "UNKONWN", grpIndex);
+                            asorch::NameOf(handle), grpIndex);
         return ASORCH_ERR;
     }
     return RIX_EAL_SyncMsg(handle->ealHdl, static_cast<uint32_t>(id), msgs, count);
@@ -54,7 +55,7 @@ ASORCH_API uint32_t ASOrchSyncMsgToGrp(ASOrchHandle *handle, uint32_t offset, vo
     const ASOrchSyncGrpRes *res = ASOrchGroupGetRes(handle);
     if (res == nullptr) {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch autosync msg Fail, sync group res is NULL",
-                            handle != nullptr ? handle->name : "UNKONWN");
+                            asorch::NameOf(handle));
         return ASORCH_ERR;
     }
     return RIX_EAL_SyncMsg(handle->ealHdl, res->grpNum + offset, msg, 1u);

@@ -1,8 +1,7 @@
 // ASOrchMsgProc: recv messages go to message entry, transfer messages are walked TLV by TLV.
-#include <bit>
-
 #include "tblmsg/tblmsg_internal.h"
 
+#include "core/common.h"
 #include "core/walk_guard.h"
 
 #include "rix_as_smooth.h"
@@ -13,8 +12,6 @@ namespace {
 
 constexpr uint32_t kTransIdMask = ~0xFu;
 
-// 127.0.0.1 as the channel expects it: network byte order.
-constexpr uint32_t kLoopbackNet = (std::endian::native == std::endian::little) ? 0x0100007Fu : 0x7F000001u;
 
 }  // namespace
 }  // namespace asorch::tblmsg
@@ -47,7 +44,7 @@ uint32_t ASOrchMsgProc(ASOrchHandle *handle, ASOrchMsg *msg)
 
 uint32_t ASOrchMsgRecvProc(ASOrchHandle *handle, ASOrchMsg *msg)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || msg == nullptr || msg->data == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || msg == nullptr || msg->data == nullptr)) {
         return ASORCH_ERR;
     }
     ASOrchTblMsgRecvCtrl *ctrl = ASOrchGetTblMsgRecv(handle, msg->msgId);
@@ -60,7 +57,7 @@ uint32_t ASOrchMsgRecvProc(ASOrchHandle *handle, ASOrchMsg *msg)
 
 uint32_t ASOrchMsgTransProc(ASOrchHandle *handle, ASOrchMsg *msg)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || msg == nullptr || msg->data == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || msg == nullptr || msg->data == nullptr)) {
         return ASORCH_ERR;
     }
     const auto *body = static_cast<const uint8_t *>(msg->data);
@@ -111,7 +108,7 @@ uint32_t ASOrchMsgTransProc(ASOrchHandle *handle, ASOrchMsg *msg)
 
 uint32_t ASOrchMsgInfoProc(ASOrchHandle *handle, const ASOrchTransTlv *tlv)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || tlv == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || tlv == nullptr)) {
         return ASORCH_ERR;
     }
     const TlvHeader hdr = LoadTlv(tlv);
@@ -174,7 +171,7 @@ uint32_t ASOrchFesDamChanMsgVec(ASOrchHandle *handle, void *msg, uint32_t len, u
                             chanType, len);
         return ASORCH_ERR;
     }
-    return RIX_CHAN_USendMsg(chan, kLoopbackNet, 0, msg, len);
+    return RIX_CHAN_USendMsg(chan, asorch::kBrokerAddrWord, 0, msg, len);
 }
 
 uint32_t ASOrchFesChanMsgVec(ASOrchHandle *handle, void *msg, uint32_t len)

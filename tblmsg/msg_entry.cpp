@@ -72,7 +72,7 @@ extern "C" {
 
 uint32_t ASOrchMsgDispatchProc(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg *msg, ASOrchHandle *handle)
 {
-    if (asorch::tblmsg::NullArg(__func__, ctrl == nullptr || msg == nullptr || msg->data == nullptr)) {
+    if (asorch::NullArg(__func__, ctrl == nullptr || msg == nullptr || msg->data == nullptr)) {
         return ASORCH_ERR;
     }
     if (ctrl->unpackFunc != nullptr) {
@@ -83,7 +83,7 @@ uint32_t ASOrchMsgDispatchProc(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg *msg, ASOrc
 
 uint32_t ORCH_AutoSyncMsgProcUnSerialPack(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg *msg, ASOrchHandle *handle)
 {
-    if (asorch::tblmsg::NullArg(__func__, ctrl == nullptr || msg == nullptr || msg->data == nullptr)) {
+    if (asorch::NullArg(__func__, ctrl == nullptr || msg == nullptr || msg->data == nullptr)) {
         return ASORCH_ERR;
     }
     return UnSerialPack(ctrl, msg, handle, CountByDivision);
@@ -91,7 +91,7 @@ uint32_t ORCH_AutoSyncMsgProcUnSerialPack(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg 
 
 uint32_t ORCH_AutoSyncMsgProcSerialPack(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg *msg, ASOrchHandle *handle)
 {
-    if (asorch::tblmsg::NullArg(__func__, ctrl == nullptr || msg == nullptr)) {
+    if (asorch::NullArg(__func__, ctrl == nullptr || msg == nullptr)) {
         return ASORCH_ERR;
     }
     if (ctrl->unpackFunc == nullptr || ctrl->unpackFreeFunc == nullptr || ctrl->ipcSize == 0) {
@@ -117,7 +117,7 @@ uint32_t ORCH_AutoSyncMsgProcSerialPack(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg *m
 
 void ORCH_AutoSyncProcMqueOrUserDef(ASOrchTblMsgRecvCtrl *ctrl, ASOrchIpcBuf *ipcBuf, ASOrchHandle *handle)
 {
-    if (asorch::tblmsg::NullArg(__func__, ctrl == nullptr || ipcBuf == nullptr)) {
+    if (asorch::NullArg(__func__, ctrl == nullptr || ipcBuf == nullptr)) {
         return;
     }
     if (ctrl->userDefProc != nullptr) {
@@ -134,7 +134,7 @@ void ORCH_AutoSyncProcMqueOrUserDef(ASOrchTblMsgRecvCtrl *ctrl, ASOrchIpcBuf *ip
 
 void ASOrchProcIpcUserDef(ASOrchHandle *handle, ASOrchIpcBuf *ipcBuf, ASOrchIpcUserDef *userDef)
 {
-    if (asorch::tblmsg::NullArg(__func__, ipcBuf == nullptr || userDef == nullptr || userDef->proc == nullptr)) {
+    if (asorch::NullArg(__func__, ipcBuf == nullptr || userDef == nullptr || userDef->proc == nullptr)) {
         return;
     }
     const uint32_t ret = userDef->proc(handle, ipcBuf->ipcBuf, ipcBuf->ipcNum, &userDef->info);
@@ -145,7 +145,7 @@ void ASOrchProcIpcUserDef(ASOrchHandle *handle, ASOrchIpcBuf *ipcBuf, ASOrchIpcU
 
 void ORCH_AutoSyncProcIpcBuf(ASOrchIpcBuf *ipcBuf, ASOrchHandle *handle, ASOrchIpcRecordFunc fn, void *arg)
 {
-    if (asorch::tblmsg::NullArg(__func__, ipcBuf == nullptr || fn == nullptr)) {
+    if (asorch::NullArg(__func__, ipcBuf == nullptr || fn == nullptr)) {
         return;
     }
     auto *record = static_cast<uint8_t *>(ipcBuf->ipcBuf);
@@ -158,7 +158,7 @@ void ORCH_AutoSyncProcIpcBuf(ASOrchIpcBuf *ipcBuf, ASOrchHandle *handle, ASOrchI
 
 void ORCH_AutoSyncFillMergeMsgVec(ASOrchMsgVec *vec, const ASOrchTblMsgRecvCtrl *ctrl, uint32_t version)
 {
-    if (asorch::tblmsg::NullArg(__func__, vec == nullptr || ctrl == nullptr)) {
+    if (asorch::NullArg(__func__, vec == nullptr || ctrl == nullptr)) {
         return;
     }
     vec->msgId = ctrl->mergeMsgId;
@@ -173,7 +173,7 @@ void ORCH_AutoSyncFillMergeMsgVec(ASOrchMsgVec *vec, const ASOrchTblMsgRecvCtrl 
 
 uint32_t ASOrchProc1IpcMque(void *record, ASOrchHandle *handle, void *arg)
 {
-    if (asorch::tblmsg::NullArg(__func__, arg == nullptr || static_cast<ASOrchIpcMqueArg *>(arg)->vec == nullptr)) {
+    if (asorch::NullArg(__func__, arg == nullptr || static_cast<ASOrchIpcMqueArg *>(arg)->vec == nullptr)) {
         return ASORCH_ERR;
     }
     auto *mque = static_cast<ASOrchIpcMqueArg *>(arg);

@@ -87,7 +87,7 @@ extern "C" {
 
 uint32_t ASOrchDamTblSize(const ASOrchTransTlv *tlv, const ASOrchTblMsgTransCtrl *ctrl)
 {
-    if (asorch::tblmsg::NullArg(__func__, tlv == nullptr || ctrl == nullptr)) {
+    if (asorch::NullArg(__func__, tlv == nullptr || ctrl == nullptr)) {
         return 0u;
     }
     const TlvHeader hdr = LoadTlv(tlv);
@@ -96,7 +96,7 @@ uint32_t ASOrchDamTblSize(const ASOrchTransTlv *tlv, const ASOrchTblMsgTransCtrl
 
 uint32_t ASOrchFesTblSize(const ASOrchTransTlv *tlv, const ASOrchTblMsgTransCtrl *ctrl)
 {
-    if (asorch::tblmsg::NullArg(__func__, tlv == nullptr || ctrl == nullptr)) {
+    if (asorch::NullArg(__func__, tlv == nullptr || ctrl == nullptr)) {
         return 0u;
     }
     const TlvHeader hdr = LoadTlv(tlv);
@@ -109,7 +109,7 @@ uint32_t ASOrchFesTblSize(const ASOrchTransTlv *tlv, const ASOrchTblMsgTransCtrl
 
 void ASOrchDamTblParsePack(ASOrchHandle *handle, const ASOrchTransTlv *tlv, const ASOrchTblMsgTransCtrl *ctrl)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || tlv == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || tlv == nullptr)) {
         return;
     }
     PlainParsePack<Layout::Dam>(handle, tlv, ctrl);
@@ -117,7 +117,7 @@ void ASOrchDamTblParsePack(ASOrchHandle *handle, const ASOrchTransTlv *tlv, cons
 
 void ASOrchFesTblParsePack(ASOrchHandle *handle, const ASOrchTransTlv *tlv, const ASOrchTblMsgTransCtrl *ctrl)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || tlv == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || tlv == nullptr)) {
         return;
     }
     PlainParsePack<Layout::Fes>(handle, tlv, ctrl);
@@ -125,7 +125,7 @@ void ASOrchFesTblParsePack(ASOrchHandle *handle, const ASOrchTransTlv *tlv, cons
 
 void ASOrchTransTblParsePack(ASOrchHandle *handle, const ASOrchTransTlv *tlv, const ASOrchTblMsgTransCtrl *ctrl)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || tlv == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || tlv == nullptr)) {
         return;
     }
     if (ctrl != nullptr && ctrl->isFes != 0) {
@@ -137,7 +137,7 @@ void ASOrchTransTblParsePack(ASOrchHandle *handle, const ASOrchTransTlv *tlv, co
 
 void ASOrchTransCompTblParsePack(ASOrchHandle *handle, const ASOrchTransTlv *tlv, const ASOrchTblMsgTransCtrl *ctrl)
 {
-    if (asorch::tblmsg::NullArg(__func__, handle == nullptr || tlv == nullptr)) {
+    if (asorch::NullArg(__func__, handle == nullptr || tlv == nullptr)) {
         return;
     }
     const TlvHeader hdr = LoadTlv(tlv);

@@ -3,6 +3,7 @@
 #ifndef RIX_AS_TBLMSG_INTERNAL_H
 #define RIX_AS_TBLMSG_INTERNAL_H
 
+#include "core/common.h"
 #include "core/divisor.h"
 
 #include <cstddef>
@@ -47,15 +48,6 @@ inline RecvNode *NodeOf(ASOrchTblMsgRecvCtrl *ctrl)
 
 // Message entry with the record size prepared at registration: the received road.
 uint32_t DispatchRegistered(RecvNode *node, ASOrchMsg *msg, ASOrchHandle *handle);
-
-// Exported entry points refuse null arguments with one line naming themselves.
-inline bool NullArg(const char *func, bool bad)
-{
-    if (bad) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, null argument.", func);
-    }
-    return bad;
-}
 
 // Wire words may sit at any alignment inside a body.
 inline uint32_t LoadU32(const void *base, uint32_t offset)
