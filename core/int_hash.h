@@ -28,6 +28,23 @@ inline ASIntHashNode *IntHashFind(const ASIntHash *hash, uint32_t key)
     return nullptr;
 }
 
+// Hands every node to release (which may free it; the link is read first) and gives the
+// bucket block back. The hash keeps no release function: its owner says what a node is.
+template <class F>
+void ReleaseIntHash(ASIntHash *hash, ASOrchMemFreeFunc memFree, F release)
+{
+    ASIntHashDelete(hash);
+    for (uintptr_t b = 0; b < hash->bucketNum; ++b) {
+        ASList *head = &hash->bucket[b];
+        for (ASList *it = head->next; it != head;) {
+            ASList *next = it->next;
+            release(reinterpret_cast<ASIntHashNode *>(it));
+            it = next;
+        }
+    }
+    memFree(hash);
+}
+
 }  // namespace asorch
 
 extern "C" {

@@ -47,17 +47,8 @@ void ReleaseMergeMsgHash(ASOrchHandle *handle, ASIntHash *hash)
     if (hash == nullptr) {
         return;
     }
-    ASIntHashDelete(hash);
-    // The hash keeps no release function, so its owner gives the nodes back.
-    for (uintptr_t b = 0; b < hash->bucketNum; ++b) {
-        ASList *head = &hash->bucket[b];
-        for (ASList *it = head->next; it != head;) {
-            ASList *next = it->next;
-            handle->memFree(it);
-            it = next;
-        }
-    }
-    handle->memFree(hash);
+    // Each node is a block of its own.
+    asorch::ReleaseIntHash(hash, handle->memFree, [handle](ASIntHashNode *node) { handle->memFree(node); });
 }
 
 void Quiesce(ASOrchHandle *handle)

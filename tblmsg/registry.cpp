@@ -10,40 +10,37 @@ namespace {
 
 constexpr uint32_t kLastQueuedMergeType = 3u;  // 0 to 3 go through a merge queue
 
-// Any node of the hash, to reach the block chain; null when the hash is empty.
-ASIntHashNode *AnyNode(ASIntHash *hash)
+template <class Ctrl>
+NodeBlock *FirstBlock(ASIntHash *hash)
 {
     for (uintptr_t i = 0; i < hash->bucketNum; ++i) {
         ASList *head = &hash->bucket[i];
         if (head->next != head) {
-            return reinterpret_cast<ASIntHashNode *>(head->next);
+            return reinterpret_cast<Node<Ctrl> *>(head->next)->block->first;
         }
     }
     return nullptr;
 }
 
-template <class Ctrl>
-NodeBlock *FirstBlock(ASIntHash *hash)
-{
-    ASIntHashNode *any = AnyNode(hash);
-    return any == nullptr ? nullptr : reinterpret_cast<Node<Ctrl> *>(any)->block->first;
-}
-
-// Hands back every node block and the bucket array. The hash's own delete keeps them.
+// Nodes live in blocks chained from the first; any node leads to the chain.
 template <class Ctrl>
 void ReleaseRegistry(ASOrchHandle *handle, ASIntHash *hash)
 {
-    NodeBlock *block = FirstBlock<Ctrl>(hash);
-    ASIntHashDelete(hash);
     if (handle->memFree == nullptr) {
+        ASIntHashDelete(hash);
         return;
     }
+    NodeBlock *block = nullptr;
+    asorch::ReleaseIntHash(hash, handle->memFree, [&block](ASIntHashNode *node) {
+        if (block == nullptr) {
+            block = reinterpret_cast<Node<Ctrl> *>(node)->block->first;
+        }
+    });
     while (block != nullptr) {
         NodeBlock *next = block->next;
         handle->memFree(block);
         block = next;
     }
-    handle->memFree(hash);
 }
 
 // One block of count nodes behind its header, chained to the registry's earlier blocks.
