@@ -7,6 +7,8 @@
 
 namespace {
 
+constexpr uint32_t kAttr6 = 0x3FFFFFFFu;  // the same in every row
+constexpr uint32_t kVerifyIntervalMs = 2000u;
 constexpr uint32_t kRowsBytes = static_cast<uint32_t>(sizeof(ASOrchSyncGrpPara) * ASORCH_SYNCGRP_NUM);
 
 ASOrchSyncGrpPara *AllocRows(const ASOrchHandle *handle)
@@ -25,11 +27,21 @@ void FreeRows(const ASOrchHandle *handle, ASOrchSyncGrpPara *rows)
 
 extern "C" {
 
+// The attr words are the layer's own and pass unchanged; only the thread ids and the verify
+// interval are the orchestrator's.
 const ASOrchSyncGrpPara g_rixOrchAutoSyncGrpParam[ASORCH_SYNCGRP_NUM] = {
-    {0u, 1u, 30u, 0u, 1u, 0u, 0x3FFFFFFFu, 1u, 100u, 1u, 2000u, 50u, 50u, nullptr},
-    {1u, 6u, 1u, 0u, 1u, 0u, 0x3FFFFFFFu, 0u, 0u, 0u, 0u, 0u, 0u, nullptr},
-    {2u, 1u, 30u, 2u, 1u, 0u, 0x3FFFFFFFu, 1u, 100u, 1u, 2000u, 50u, 50u, nullptr},
-    {3u, 6u, 1u, 2u, 2u, 0u, 0x3FFFFFFFu, 0u, 0u, 0u, 0u, 0u, 0u, nullptr},
+    {.grpId = 0u, .attr1 = 1u, .attr2 = 30u, .logicThreadId = ASORCH_THREAD_DATA,
+     .commThreadId = ASORCH_THREAD_SYNC, .attr5 = 0u, .attr6 = kAttr6, .attr7 = 1u, .attr8 = 100u,
+     .attr9 = 1u, .verifyInterVal = kVerifyIntervalMs, .attr11 = 50u, .attr12 = 50u, .notifyFunc = nullptr},
+    {.grpId = 1u, .attr1 = 6u, .attr2 = 1u, .logicThreadId = ASORCH_THREAD_DATA,
+     .commThreadId = ASORCH_THREAD_SYNC, .attr5 = 0u, .attr6 = kAttr6, .attr7 = 0u, .attr8 = 0u,
+     .attr9 = 0u, .verifyInterVal = 0u, .attr11 = 0u, .attr12 = 0u, .notifyFunc = nullptr},
+    {.grpId = 2u, .attr1 = 1u, .attr2 = 30u, .logicThreadId = ASORCH_THREAD_EVENT,
+     .commThreadId = ASORCH_THREAD_SYNC, .attr5 = 0u, .attr6 = kAttr6, .attr7 = 1u, .attr8 = 100u,
+     .attr9 = 1u, .verifyInterVal = kVerifyIntervalMs, .attr11 = 50u, .attr12 = 50u, .notifyFunc = nullptr},
+    {.grpId = 3u, .attr1 = 6u, .attr2 = 1u, .logicThreadId = ASORCH_THREAD_EVENT,
+     .commThreadId = ASORCH_THREAD_EVENT, .attr5 = 0u, .attr6 = kAttr6, .attr7 = 0u, .attr8 = 0u,
+     .attr9 = 0u, .verifyInterVal = 0u, .attr11 = 0u, .attr12 = 0u, .notifyFunc = nullptr},
 };
 ASORCH_LAYOUT_ASSERT(sizeof(g_rixOrchAutoSyncGrpParam) == 224, "default rows are 224 bytes");
 
