@@ -20,7 +20,7 @@ void DestroyNow(ASOrchHandle *handle)
 {
     RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, Orch auto sync free begin.", handle->name);
     // Bring the DATA thread's drains to rest before anything they use is released.
-    asmerge::Quiesce(handle);
+    asorch::merge::Quiesce(handle);
     ASOrchFreeGrpRes(handle);
     ASOrchFreeTblMsg(handle);
     ASOrchFreeMergeHandle(handle);

@@ -8,9 +8,9 @@
 #include <cstdint>
 
 #include "core/divisor.h"
-#include "include/rix_as_orch.h"
+#include "rix_as_orch.h"
 
-namespace asmerge {
+namespace asorch::merge {
 
 struct MergeBlock {
     ASOrchMergeHandle entry[ASORCH_MERGE_CHAN_NUM];
@@ -28,6 +28,6 @@ inline const MergeBlock *BlockOf(const ASOrchMergeHandle *entries)
     return reinterpret_cast<const MergeBlock *>(entries);
 }
 
-}  // namespace asmerge
+}  // namespace asorch::merge
 
 #endif

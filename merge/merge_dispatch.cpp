@@ -10,7 +10,7 @@ uint32_t ReadAdapter(void *data, uint32_t dataSize, void *usrData)
 {
     // Once the module asked for destroy from this drain, the rest of the batch is only released.
     if (asorch::t_walk->destroyDeferred) [[unlikely]] {
-        return asmerge::ReleaseCopy(data, dataSize);
+        return asorch::merge::ReleaseCopy(data, dataSize);
     }
     return ASOrchReadMergeMsgCallBack(static_cast<ASOrchMsgVec *>(data), dataSize,
                                       static_cast<const uint32_t *>(usrData));
@@ -26,7 +26,7 @@ uint32_t Drain(MergeQueCb *queue, uint32_t chan)
 
 }  // namespace
 
-namespace asmerge {
+namespace asorch::merge {
 
 uint32_t ReleaseCopy(void *data, uint32_t dataSize)
 {
@@ -42,7 +42,7 @@ uint32_t ReleaseCopy(void *data, uint32_t dataSize)
     return ASORCH_OK;
 }
 
-}  // namespace asmerge
+}  // namespace asorch::merge
 
 extern "C" {
 

@@ -14,7 +14,7 @@ constexpr const char *kChanWord[ASORCH_MERGE_CHAN_NUM] = {"DAM", "FES"};
 // The container's callback types take untyped data; these hand it on as message vectors.
 uint32_t CmpAdapter(const void *stored, const void *searched, uint32_t)
 {
-    return asmerge::SameKey(static_cast<const ASOrchMsgVec *>(stored), static_cast<const ASOrchMsgVec *>(searched));
+    return asorch::merge::SameKey(static_cast<const ASOrchMsgVec *>(stored), static_cast<const ASOrchMsgVec *>(searched));
 }
 
 // The stored vector is its own key, as ASOrchPubGetKeyPtr says.
@@ -27,9 +27,9 @@ const void *GetKeyAdapter(const void *stored)
 // queue fail to take the arriving vector, the pending entry must still own it.
 void MergeAdapter(void *newData, void *storedData)
 {
-    auto *arriving = static_cast<asmerge::WriteVec *>(newData);
+    auto *arriving = static_cast<asorch::merge::WriteVec *>(newData);
     auto *pending = static_cast<ASOrchMsgVec *>(storedData);
-    asmerge::ApplyRule(pending, &arriving->vec);
+    asorch::merge::ApplyRule(pending, &arriving->vec);
     arriving->retired = pending->key;
 }
 
@@ -40,7 +40,7 @@ uint32_t HashSizeOf(const ASOrchMergeReg *reg)
 
 }  // namespace
 
-namespace asmerge {
+namespace asorch::merge {
 
 void ReleaseMergeMsgHash(ASOrchHandle *handle, ASIntHash *hash)
 {
@@ -67,7 +67,7 @@ void Quiesce(ASOrchHandle *handle)
     }
 }
 
-}  // namespace asmerge
+}  // namespace asorch::merge
 
 extern "C" {
 
@@ -85,8 +85,8 @@ ASORCH_API ASOrchMergeHandle *ASOrchAllocMergeHandle(ASOrchHandle *handle)
         return nullptr;
     }
     if (handle->mergeHandle == nullptr) {
-        constexpr uint32_t size = static_cast<uint32_t>(sizeof(asmerge::MergeBlock));
-        auto *block = static_cast<asmerge::MergeBlock *>(handle->memAlloc(size));
+        constexpr uint32_t size = static_cast<uint32_t>(sizeof(asorch::merge::MergeBlock));
+        auto *block = static_cast<asorch::merge::MergeBlock *>(handle->memAlloc(size));
         if (block != nullptr && memset_s(block, size, 0, size) != 0) {
             handle->memFree(block);
             block = nullptr;
@@ -128,7 +128,7 @@ ASORCH_API uint32_t ASOrchInitMergeMsg(ASOrchMergeHandle *entry, const ASOrchMer
         return ASORCH_ERR;
     }
     if (ASOrchCreatMergeMsgHashTable(hash, reg, handle) != ASORCH_OK) {
-        asmerge::ReleaseMergeMsgHash(handle, hash);
+        asorch::merge::ReleaseMergeMsgHash(handle, hash);
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync create merge msg hash Fail", handle->name);
         return ASORCH_ERR;
     }
@@ -166,7 +166,7 @@ ASORCH_API ASOrchMergeHandle *ASOrchCreatMergeHandle(ASOrchHandle *handle, const
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, %u init auto sync merge handle failed.", handle->name, chan);
         return nullptr;
     }
-    asmerge::BlockOf(block)->bucket[chan] = asorch::MakeDivisor(block[chan].hashSize);
+    asorch::merge::BlockOf(block)->bucket[chan] = asorch::MakeDivisor(block[chan].hashSize);
     RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, %u Orch auto sync create merge handle ok.", handle->name, chan);
     return block;
 }
@@ -290,13 +290,13 @@ ASORCH_API void ASOrchFreeMergeMsg(ASOrchHandle *handle, ASOrchMergeHandle *bloc
     for (uint32_t chan = 0; chan < ASORCH_MERGE_CHAN_NUM; ++chan) {
         ASOrchMergeHandle &entry = block[chan];
         if (entry.mergeMsgHash != nullptr) {
-            asmerge::ReleaseMergeMsgHash(handle, entry.mergeMsgHash);
+            asorch::merge::ReleaseMergeMsgHash(handle, entry.mergeMsgHash);
             entry.mergeMsgHash = nullptr;
         }
         if (entry.mqueHandle != nullptr) {
             // The queue drops its entries without the copies they refer to; those go back in
             // place, so that the queue still reports what it held.
-            rix::mque::ForEachPending(entry.mqueHandle, asmerge::ReleaseCopy);
+            asorch::mque::ForEachPending(entry.mqueHandle, asorch::merge::ReleaseCopy);
             RIX_MergeQueDestory(entry.mqueHandle);
             entry.mqueHandle = nullptr;
         }

@@ -2,7 +2,7 @@
 #ifndef RIX_AS_MERGE_INTERNAL_H
 #define RIX_AS_MERGE_INTERNAL_H
 
-#include "include/rix_as_orch.h"
+#include "rix_as_orch.h"
 
 extern "C" {
 
@@ -11,7 +11,7 @@ ASOrchMergeMsgNode *ASOrchGetMergeMsg(const ASIntHash *hash, const ASOrchMsgVec 
 
 }
 
-namespace asmerge {
+namespace asorch::merge {
 
 // What the write path hands to its queue as key and data. The queue copies only the vector;
 // the merge callback parks the pending copy's block here, and the writer releases it once the
@@ -40,6 +40,6 @@ uint32_t ReleaseCopy(void *data, uint32_t dataSize);
 // and silences the water-mark monitors: nothing of the queues runs on other threads afterwards.
 void Quiesce(ASOrchHandle *handle);
 
-}  // namespace asmerge
+}  // namespace asorch::merge
 
 #endif

@@ -5,9 +5,9 @@
 
 #include <cstring>
 
-#include "include/rix_as_orch.h"
+#include "rix_as_orch.h"
 
-namespace asmerge {
+namespace asorch::merge {
 
 inline uint32_t SameKey(const ASOrchMsgVec *a, const ASOrchMsgVec *b)
 {
@@ -53,6 +53,6 @@ inline void ApplyRule(const ASOrchMsgVec *pending, ASOrchMsgVec *arriving)
     }
 }
 
-}  // namespace asmerge
+}  // namespace asorch::merge
 
 #endif

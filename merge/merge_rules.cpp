@@ -1,5 +1,5 @@
 // Key identity, bucket hash and the opType rule table of merged message vectors.
-#include "include/rix_as_orch.h"
+#include "rix_as_orch.h"
 
 #include <bit>
 #include <cstring>
@@ -43,7 +43,7 @@ inline uint32_t LoadLe32(const uint8_t *p)
     h ^= h >> 17;
     const uint32_t x = vec->msgId + vec->version + h * 33u;
     const ASOrchMergeHandle &entry = handle->mergeHandle[chan];
-    const asorch::Divisor &bucket = asmerge::BlockOf(handle->mergeHandle)->bucket[chan];
+    const asorch::Divisor &bucket = asorch::merge::BlockOf(handle->mergeHandle)->bucket[chan];
     // An entry set up outside the library's own registration has no prepared count.
     return bucket.d == entry.hashSize ? asorch::Mod(x, bucket) : asorch::ModUnprepared(x, entry.hashSize);
 }
@@ -68,7 +68,7 @@ ASORCH_API uint32_t ASOrchGetMergeRule(uint32_t oldOpType, uint32_t newOpType, u
     if (mergedOpType == nullptr) {
         return ASORCH_ERR;
     }
-    return asmerge::MergeRule(oldOpType, newOpType, mergedOpType);
+    return asorch::merge::MergeRule(oldOpType, newOpType, mergedOpType);
 }
 
 ASORCH_API void ASOrchPubMergeRule(ASOrchMsgVec *pending, ASOrchMsgVec *arriving)
@@ -76,7 +76,7 @@ ASORCH_API void ASOrchPubMergeRule(ASOrchMsgVec *pending, ASOrchMsgVec *arriving
     if (pending == nullptr || arriving == nullptr) {
         return;
     }
-    asmerge::ApplyRule(pending, arriving);
+    asorch::merge::ApplyRule(pending, arriving);
 }
 
 ASORCH_API void ASOrchPubMergeNotify(ASOrchMsgVec *arriving, ASOrchMsgVec *pending)
@@ -97,7 +97,7 @@ ASORCH_API void ASOrchPubMergeNotify(ASOrchMsgVec *arriving, ASOrchMsgVec *pendi
 
 ASORCH_API uint32_t ASOrchPubCmpFunc(const ASOrchMsgVec *a, const ASOrchMsgVec *b)
 {
-    return asmerge::SameKey(a, b);
+    return asorch::merge::SameKey(a, b);
 }
 
 ASORCH_API void *ASOrchPubGetKeyPtr(void *vec)
@@ -107,7 +107,7 @@ ASORCH_API void *ASOrchPubGetKeyPtr(void *vec)
 
 ASORCH_API uint32_t ASOrchMergeHashFunc(ASOrchHandle *handle, uint32_t chan, const ASOrchMsgVec *vec)
 {
-    asmerge::WriteVec *writing = asmerge::t_writing;
+    asorch::merge::WriteVec *writing = asorch::merge::t_writing;
     if (writing == nullptr || vec != &writing->vec) {
         return BucketOf(handle, chan, vec);
     }

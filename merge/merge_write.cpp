@@ -19,11 +19,11 @@ MergeQueCb *GetMergeQue(ASOrchMergeHandle *block, uint32_t mergeType)
 
 }  // namespace
 
-namespace asmerge {
+namespace asorch::merge {
 
 constinit thread_local WriteVec *t_writing = nullptr;
 
-}  // namespace asmerge
+}  // namespace asorch::merge
 
 extern "C" {
 
@@ -63,15 +63,15 @@ ASORCH_API uint32_t ASOrchWriteMsgMerge(ASOrchHandle *handle, MergeQueCb *queue,
                             vec->keyLen);
         return ASORCH_ERR;
     }
-    asmerge::WriteVec copy{*vec, nullptr, nullptr, 0u, 0u};
+    asorch::merge::WriteVec copy{*vec, nullptr, nullptr, 0u, 0u};
     copy.vec.usrData = nullptr;
     if (ASOrchMsgVecCopyAlloc(handle, vec, &copy.vec) != ASORCH_OK) {
         return ASORCH_ERR;
     }
     // The queue keeps its own copy of the vector; the block is what it owns from now on.
-    asmerge::t_writing = &copy;
+    asorch::merge::t_writing = &copy;
     const uint32_t written = RIX_MergeQueWrite(queue, &copy, &copy, moveTail);
-    asmerge::t_writing = nullptr;
+    asorch::merge::t_writing = nullptr;
     if (written != ASORCH_OK) {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. write mqueue fail", handle->name);
         handle->memFree(copy.vec.key);

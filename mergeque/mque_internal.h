@@ -10,7 +10,7 @@
 #include "rix_mergeque.h"
 #include "rix_platform.h"
 
-namespace rix::mque {
+namespace asorch::mque {
 
 constexpr uint32_t kEntryHeaderSize = static_cast<uint32_t>(sizeof(MergeQueHashData));
 constexpr uint32_t kMaxBlockSize = UINT16_MAX;
@@ -137,6 +137,6 @@ inline void ForEachPending(MergeQueCb *q, F f)
 // Removes the queue's own node only: a loser of a same-name race must not unlink the winner.
 void NameTreeDeleteNode(MergeQueCb *q);
 
-}  // namespace rix::mque
+}  // namespace asorch::mque
 
 #endif

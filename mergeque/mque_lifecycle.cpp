@@ -5,8 +5,8 @@
 
 namespace {
 
-using rix::mque::kEntryHeaderSize;
-using rix::mque::kMaxBlockSize;
+using asorch::mque::kEntryHeaderSize;
+using asorch::mque::kMaxBlockSize;
 
 constexpr const char *kNull = "(null)";
 
@@ -94,7 +94,7 @@ ASORCH_API MergeQueCb *RIX_MergeQueCreate(const char *name, const MergeQueCreate
     // walk list links that were never set.
     q->reader.eventFd = -1;
     q->para.memFree = para->memFree;
-    rix::mque::ListInit(&q->reader.msgList);
+    asorch::mque::ListInit(&q->reader.msgList);
     if (RIX_Merge_Init(name, q, para) != ASORCH_OK) {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "[RIX_MERGE_QUE Create] %s init Fail", name);
         RIX_MergeQueDestory(q);
@@ -120,7 +120,7 @@ ASORCH_API void RIX_MergeQueDestory(MergeQueCb *q)
         (void)close(q->reader.eventFd);
         q->reader.eventFd = -1;
     }
-    rix::mque::NameTreeDeleteNode(q);
+    asorch::mque::NameTreeDeleteNode(q);
     // Pending blocks go with the table.
     RIX_MergeQueHashDelete(q);
     q->reader.itemCnt = 0u;

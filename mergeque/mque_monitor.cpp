@@ -1,7 +1,7 @@
 // Water marks (with hysteresis) and back-pressure of the reader.
 #include "mergeque/mque_internal.h"
 
-using namespace rix::mque;
+using namespace asorch::mque;
 
 extern "C" {
 

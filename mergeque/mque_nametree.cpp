@@ -93,7 +93,7 @@ ASORCH_API void RIX_MergeQueNameTreeDelete(const char *name)
 
 }  // extern "C"
 
-namespace rix::mque {
+namespace asorch::mque {
 
 void NameTreeDeleteNode(MergeQueCb *q)
 {
@@ -108,4 +108,4 @@ void NameTreeDeleteNode(MergeQueCb *q)
     RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s NameTreeDelete.", q->name);
 }
 
-}  // namespace rix::mque
+}  // namespace asorch::mque

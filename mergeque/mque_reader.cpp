@@ -6,7 +6,7 @@
 
 namespace {
 
-using namespace rix::mque;
+using namespace asorch::mque;
 
 static_assert(std::is_same_v<decltype(&RIX_MergeQueSchedProc), RIX_EPOLL_CALLBACK>,
               "the epoll service calls the callback with exactly this signature");

@@ -4,7 +4,7 @@
 
 namespace {
 
-using namespace rix::mque;
+using namespace asorch::mque;
 
 // The entry carries its owner so that the hash service's compare reaches cmpFunc.
 inline MergeQueHashData *NewHashData(MergeQueCb *q, const void *key, const void *data)
