@@ -13,10 +13,11 @@ namespace {
 constexpr size_t kThreadNameSize = sizeof(ASOrchThreadCfg{}.threadName);
 constexpr uint32_t kMaxThreadIds = 32u;
 
+// The name is the module's name with the suffix; the attribute word is the layer's own.
 constexpr std::array<ASOrchThreadCfg, ASORCH_THREAD_NUM> g_ASOrchThreadTemplate = {{
-    {ASORCH_THREAD_DATA, "_DATA", 0u},
-    {ASORCH_THREAD_SYNC, "_SYNC", 1u},
-    {ASORCH_THREAD_EVENT, "_EVENT", 3u},
+    {.threadId = ASORCH_THREAD_DATA, .threadName = "_DATA", .threadAttr = 0u},
+    {.threadId = ASORCH_THREAD_SYNC, .threadName = "_SYNC", .threadAttr = 1u},
+    {.threadId = ASORCH_THREAD_EVENT, .threadName = "_EVENT", .threadAttr = 3u},
 }};
 
 uint32_t IdBit(uint32_t id)
