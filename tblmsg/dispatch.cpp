@@ -12,54 +12,32 @@ namespace {
 
 constexpr uint32_t kTransIdMask = ~0xFu;
 
-
-}  // namespace
-}  // namespace asorch::tblmsg
-
-using namespace asorch::tblmsg;
-
-extern "C" {
-
-uint32_t ASOrchMsgIsValid(ASOrchHandle *handle, ASOrchMsg *msg)
+// The roads of a message whose arguments ASOrchMsgProc has checked once; the exported step
+// functions are doors that check and take the same road.
+uint32_t InfoRoad(ASOrchHandle *handle, const ASOrchTransTlv *tlv)
 {
-    return (handle != nullptr && msg != nullptr && msg->data != nullptr) ? 1u : 0u;
-}
-
-uint32_t ASOrchMsgProc(ASOrchHandle *handle, ASOrchMsg *msg)
-{
-    if (ASOrchMsgIsValid(handle, msg) == 0) {
-        if (handle == nullptr) {
-            RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "recv feibrk channel msg handle is null.");
-        } else {
-            RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "recv feibrk channel msg is null.");
-        }
-        return ASORCH_ERR;
-    }
-    asorch::WalkScope walk(handle);
-    if ((msg->msgId & kTransIdMask) == ASORCH_TRANS_MSGID_BASE) {
-        return ASOrchMsgTransProc(handle, msg);
-    }
-    return ASOrchMsgRecvProc(handle, msg);
-}
-
-uint32_t ASOrchMsgRecvProc(ASOrchHandle *handle, ASOrchMsg *msg)
-{
-    if (asorch::NullArg(__func__, handle == nullptr || msg == nullptr || msg->data == nullptr)) {
-        return ASORCH_ERR;
-    }
-    ASOrchTblMsgRecvCtrl *ctrl = ASOrchGetTblMsgRecv(handle, msg->msgId);
+    const TlvHeader hdr = LoadTlv(tlv);
+    ASOrchTblMsgTransCtrl *ctrl = ASOrchGetTblMsgTrans(handle, hdr.tableId);
     if (ctrl == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "msg proc unknown msg! msgId:%u", msg->msgId);
-        return ASORCH_OK;
-    }
-    return asorch::tblmsg::DispatchRegistered(asorch::tblmsg::NodeOf(ctrl), msg, handle);
-}
-
-uint32_t ASOrchMsgTransProc(ASOrchHandle *handle, ASOrchMsg *msg)
-{
-    if (asorch::NullArg(__func__, handle == nullptr || msg == nullptr || msg->data == nullptr)) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, get tbl trans tbl failed.tableId = %u.", handle->name, hdr.tableId);
         return ASORCH_ERR;
     }
+    switch (hdr.tlvType) {
+        case ASORCH_TLV_PLAIN:
+        case ASORCH_TLV_PLAIN_SINGLE:
+            ASOrchTransTblParsePack(handle, tlv, ctrl);
+            return ASORCH_OK;
+        case ASORCH_TLV_COMP:
+        case ASORCH_TLV_COMP2:
+            ASOrchTransCompTblParsePack(handle, tlv, ctrl);
+            return ASORCH_OK;
+        default:
+            return ASOrchTransTblSmooth(handle, tlv, ctrl);
+    }
+}
+
+uint32_t TransRoad(ASOrchHandle *handle, ASOrchMsg *msg)
+{
     const auto *body = static_cast<const uint8_t *>(msg->data);
     if (msg->len < ASORCH_TRANS_TLV_OFFSET) {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, recv feibrk trans msg %u shorter than its header. len = %u.",
@@ -96,7 +74,7 @@ uint32_t ASOrchMsgTransProc(ASOrchHandle *handle, ASOrchMsg *msg)
                                 handle->name, msg->msgId, index, hdr.tableId, offset, hdr.tlvLen, area);
             return ASORCH_ERR;
         }
-        if (ASOrchMsgInfoProc(handle, tlv) != 0) {
+        if (InfoRoad(handle, tlv) != 0) {
             RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, proc feibrk trans msg %u failed. tbl = %u, tlvType = %u, tlvLen = %u",
                                 handle->name, index, hdr.tableId, hdr.tlvType, hdr.tlvLen);
         }
@@ -106,29 +84,67 @@ uint32_t ASOrchMsgTransProc(ASOrchHandle *handle, ASOrchMsg *msg)
     return ASORCH_OK;
 }
 
+uint32_t RecvRoad(ASOrchHandle *handle, ASOrchMsg *msg)
+{
+    ASOrchTblMsgRecvCtrl *ctrl = ASOrchGetTblMsgRecv(handle, msg->msgId);
+    if (ctrl == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "msg proc unknown msg! msgId:%u", msg->msgId);
+        return ASORCH_OK;
+    }
+    return asorch::tblmsg::DispatchRegistered(asorch::tblmsg::NodeOf(ctrl), msg, handle);
+}
+
+}  // namespace
+}  // namespace asorch::tblmsg
+
+using namespace asorch::tblmsg;
+
+extern "C" {
+
+uint32_t ASOrchMsgIsValid(ASOrchHandle *handle, ASOrchMsg *msg)
+{
+    return (handle != nullptr && msg != nullptr && msg->data != nullptr) ? 1u : 0u;
+}
+
+uint32_t ASOrchMsgProc(ASOrchHandle *handle, ASOrchMsg *msg)
+{
+    if (ASOrchMsgIsValid(handle, msg) == 0) {
+        if (handle == nullptr) {
+            RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "recv feibrk channel msg handle is null.");
+        } else {
+            RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "recv feibrk channel msg is null.");
+        }
+        return ASORCH_ERR;
+    }
+    asorch::WalkScope walk(handle);
+    if ((msg->msgId & kTransIdMask) == ASORCH_TRANS_MSGID_BASE) {
+        return TransRoad(handle, msg);
+    }
+    return RecvRoad(handle, msg);
+}
+
+uint32_t ASOrchMsgRecvProc(ASOrchHandle *handle, ASOrchMsg *msg)
+{
+    if (asorch::NullArg(__func__, handle == nullptr || msg == nullptr || msg->data == nullptr)) {
+        return ASORCH_ERR;
+    }
+    return RecvRoad(handle, msg);
+}
+
+uint32_t ASOrchMsgTransProc(ASOrchHandle *handle, ASOrchMsg *msg)
+{
+    if (asorch::NullArg(__func__, handle == nullptr || msg == nullptr || msg->data == nullptr)) {
+        return ASORCH_ERR;
+    }
+    return TransRoad(handle, msg);
+}
+
 uint32_t ASOrchMsgInfoProc(ASOrchHandle *handle, const ASOrchTransTlv *tlv)
 {
     if (asorch::NullArg(__func__, handle == nullptr || tlv == nullptr)) {
         return ASORCH_ERR;
     }
-    const TlvHeader hdr = LoadTlv(tlv);
-    ASOrchTblMsgTransCtrl *ctrl = ASOrchGetTblMsgTrans(handle, hdr.tableId);
-    if (ctrl == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, get tbl trans tbl failed.tableId = %u.", handle->name, hdr.tableId);
-        return ASORCH_ERR;
-    }
-    switch (hdr.tlvType) {
-        case ASORCH_TLV_PLAIN:
-        case ASORCH_TLV_PLAIN_SINGLE:
-            ASOrchTransTblParsePack(handle, tlv, ctrl);
-            return ASORCH_OK;
-        case ASORCH_TLV_COMP:
-        case ASORCH_TLV_COMP2:
-            ASOrchTransCompTblParsePack(handle, tlv, ctrl);
-            return ASORCH_OK;
-        default:
-            return ASOrchTransTblSmooth(handle, tlv, ctrl);
-    }
+    return InfoRoad(handle, tlv);
 }
 
 uint32_t ASOrchIncTblMsgVersion(ASOrchHandle *handle, uint32_t msgId, uint32_t *version)
