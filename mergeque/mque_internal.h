@@ -89,13 +89,21 @@ inline void Attach(MergeQueCb *q, MergeQueHashData *d)
     }
 }
 
-inline void Detach(MergeQueCb *q, MergeQueHashData *d)
+// Taken out by a read: the entry's block goes right after, so its own links need no reset.
+inline void DetachRead(MergeQueCb *q, MergeQueHashData *d)
 {
-    ListUnlink(&d->link);
+    d->link.prev->next = d->link.next;
+    d->link.next->prev = d->link.prev;
     if (q->reader.itemCnt != 0u) {
         --q->reader.itemCnt;
     }
     CountReader(q, MERGEQUE_RSTAT_SUCC_READ);
+}
+
+inline void Detach(MergeQueCb *q, MergeQueHashData *d)
+{
+    DetachRead(q, d);
+    ListInit(&d->link);
 }
 
 inline void MoveTail(MergeQueCb *q, MergeQueHashData *d)

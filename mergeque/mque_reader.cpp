@@ -47,7 +47,7 @@ inline uint32_t ReadBase(MergeQueCb *q, uint32_t size, void *buf, uint32_t maxCn
             (void)memcpy_s(out + static_cast<size_t>(cnt) * size, size, d->data, size);
         }
         ++cnt;
-        Detach(q, d);
+        DetachRead(q, d);
         RemoveHash(q, d);
         (void)LITE_HASH_FreeData(q->hash, d);
         link = next;
@@ -65,7 +65,7 @@ inline uint32_t ReadToCallBack(MergeQueCb *q, uint32_t maxCnt, MergeQueReadCallB
         MergeQueHashData *d = EntryOf(link);
         Prefetch(next, head);
         ++cnt;
-        Detach(q, d);
+        DetachRead(q, d);
         RemoveHash(q, d);
         if (cb(d->data, q->para.dataSize, usrData) != 0u) {
             RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s read %u msgVec callBack proc failed!", q->name, cnt);

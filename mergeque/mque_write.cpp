@@ -14,7 +14,7 @@ inline MergeQueHashData *NewHashData(MergeQueCb *q, const void *key, const void 
         return nullptr;
     }
     d->owner = q;
-    ListInit(&d->link);
+    // The links are set by Attach, next; the exported step sets them itself.
     const uint32_t size = q->para.dataSize;
     if (size != 0u && memcpy_s(d->data, size, data, size) != 0) {
         (void)LITE_HASH_FreeData(q->hash, d);
@@ -104,7 +104,11 @@ ASORCH_API void RIX_MergeQueMergeWrite(MergeQueCb *q, const void *data, MergeQue
 
 ASORCH_API MergeQueHashData *RIX_MergeQueNewHashData(MergeQueCb *q, const void *key, const void *data)
 {
-    return NewHashData(q, key, data);
+    MergeQueHashData *d = NewHashData(q, key, data);
+    if (d != nullptr) {
+        ListInit(&d->link);
+    }
+    return d;
 }
 
 ASORCH_API void RIX_MergeQueSetStat(MergeQueCb *q, const void *key)
