@@ -53,21 +53,33 @@ inline uint32_t Div(uint32_t x, const Divisor &div)
     return static_cast<uint32_t>(hi >> 32);
 }
 
-// x % d for a count nobody prepared: shifts and subtracts, for paths the library's own
-// tables, whose counts are powers of two, never take.
-inline uint32_t ModUnprepared(uint32_t x, uint32_t d)
+// x / d and x % d for a count nobody prepared: shifts and subtracts, for paths the library's
+// own tables (power-of-two counts, prepared sizes) never take. d must not be 0.
+inline uint32_t DivUnprepared(uint32_t x, uint32_t d, uint32_t *rem)
 {
     if ((d & (d - 1u)) == 0u) {
-        return x & (d - 1u);
+        *rem = x & (d - 1u);
+        return x >> __builtin_ctz(d);
     }
     uint64_t r = 0u;
+    uint32_t q = 0u;
     for (int bit = 31; bit >= 0; --bit) {
         r = (r << 1) | ((x >> bit) & 1u);
+        q <<= 1;
         if (r >= d) {
             r -= d;
+            q |= 1u;
         }
     }
-    return static_cast<uint32_t>(r);
+    *rem = static_cast<uint32_t>(r);
+    return q;
+}
+
+inline uint32_t ModUnprepared(uint32_t x, uint32_t d)
+{
+    uint32_t rem = 0u;
+    (void)DivUnprepared(x, d, &rem);
+    return rem;
 }
 
 }  // namespace asorch

@@ -59,7 +59,9 @@ uint32_t DispatchRegistered(RecvNode *node, ASOrchMsg *msg, ASOrchHandle *handle
     const asorch::Divisor &div = node->recSize;
     return UnSerialPack(ctrl, msg, handle, [&div](uint32_t payload, uint32_t size, uint32_t *records) {
         if (div.d != size) {  // the record was changed after registration
-            return CountByDivision(payload, size, records);
+            uint32_t rest = 0u;
+            *records = asorch::DivUnprepared(payload, size, &rest);
+            return rest == 0u;
         }
         *records = asorch::Div(payload, div);
         return *records * size == payload;

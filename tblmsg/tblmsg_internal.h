@@ -19,7 +19,7 @@ namespace asorch::tblmsg {
 
 // Every registration list becomes one block: this header, then its nodes. The blocks of one
 // registry are chained from the first so that the registry can be handed back whole.
-struct NodeBlock {
+struct alignas(alignof(uint64_t)) NodeBlock {  // nodes hold 64-bit words
     NodeBlock *first;
     NodeBlock *next;
 };

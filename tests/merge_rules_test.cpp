@@ -81,7 +81,9 @@ TEST(MergeRulesTest, DivisionFreeFormsEqualTheOperators)
         for (uint32_t x : xs) {
             ASSERT_EQ(asorch::Mod(x, div), x % size) << x << " % " << size;
             ASSERT_EQ(asorch::Div(x, div), x / size) << x << " / " << size;
-            ASSERT_EQ(asorch::ModUnprepared(x, size), x % size) << x << " % " << size;
+            uint32_t rest = 0u;
+            ASSERT_EQ(asorch::DivUnprepared(x, size, &rest), x / size) << x << " / " << size;
+            ASSERT_EQ(rest, x % size) << x << " % " << size;
         }
     }
 }
