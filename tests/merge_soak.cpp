@@ -16,9 +16,13 @@
 #include <thread>
 #include <vector>
 
+#include "records.h"
 #include "test_support.h"
 
 namespace {
+
+using rixtest::Combine;
+using rixtest::Rec;
 
 constexpr uint32_t kKeys = 512u;
 constexpr uint32_t kRecSize = 16u;
@@ -28,27 +32,6 @@ constexpr uint32_t kMsgDel[2] = {0x30002u, 0x30012u};
 constexpr uint32_t kMsgAge[2] = {0x30003u, 0x30013u};  // handled by the module itself
 constexpr uint32_t kMergeMsg[2] = {0x40001u, 0x40011u};
 constexpr uint32_t kHigh[2] = {48u, 32u}, kLow[2] = {8u, 4u};
-
-struct Rec {
-    uint32_t key, ver, state, check;
-};
-
-uint32_t Mix(uint32_t a, uint32_t b)
-{
-    uint32_t h = a * 0x9E3779B1u ^ (b + 0x7F4A7C15u + (a << 6) + (a >> 2));
-    h ^= h >> 15;
-    h *= 0x2C1B3C6Du;
-    return h ^ (h >> 12);
-}
-
-uint32_t Combine(uint32_t pending, uint32_t arriving)
-{
-    uint32_t merged = arriving;
-    if (arriving != 3u) {
-        (void)ASOrchGetMergeRule(pending, arriving, &merged);
-    }
-    return merged;
-}
 
 // The module's side, touched only on the DATA thread (writes and drains both run there)
 // until the main thread has seen the loop idle.
@@ -91,7 +74,7 @@ uint32_t Delivered(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
     }
     std::memcpy(&r, v->data, sizeof(r));
     QueueBook &b = g_soak->q[c];
-    if (r.check != Mix(Mix(r.key, r.ver), r.state) || r.key >= kKeys) {
+    if (!rixtest::Intact(r) || r.key >= kKeys) {
         Error("corrupt record");
         return 1u;
     }
@@ -237,7 +220,7 @@ TEST_F(SoakTest, EveryOfferComesOutOnceOrCoalescedInFirstArrivalOrder)
             const uint32_t key = static_cast<uint32_t>((uint64_t{u} * u / kKeys) * u / kKeys);  // cubic skew
             const uint32_t ver = ++offerVer[c * kKeys + key];
             const uint32_t state = rand32();
-            const Rec r{key, ver, state, Mix(Mix(key, ver), state)};
+            const Rec r = rixtest::Seal(key, ver, state);
             std::memcpy(body.data() + 8 + i * kRecSize, &r, kRecSize);
         }
         soak.outstanding.fetch_add(n);

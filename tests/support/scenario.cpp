@@ -7,38 +7,24 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 #include <deque>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "records.h"
 #include "test_support.h"
 
 namespace rixtest {
 namespace {
 
-// ---- Records: key, version of the key, state, check word ----
+// ---- Records ----
 constexpr uint32_t kRecSize = 16u;
 constexpr uint32_t kKeySize = 4u;
-
-uint32_t Mix(uint32_t a, uint32_t b)
-{
-    uint32_t h = a * 0x9E3779B1u ^ (b + 0x7F4A7C15u + (a << 6) + (a >> 2));
-    h ^= h >> 15;
-    h *= 0x2C1B3C6Du;
-    return h ^ (h >> 12);
-}
-
-struct Rec {
-    uint32_t key, ver, state, check;
-};
 static_assert(sizeof(Rec) == kRecSize);
 
-Rec MakeRec(uint32_t key, uint32_t ver)
-{
-    const uint32_t state = Mix(key, ver);
-    return {key, ver, state, Mix(Mix(key, ver), state)};
-}
+Rec MakeRec(uint32_t key, uint32_t ver) { return Seal(key, ver, Mix(key, ver)); }
 
 uint32_t Rd32(const void *p)
 {
@@ -62,7 +48,7 @@ void PutRec(Bytes &b, const Rec &r)
 constexpr uint32_t kMsgRouteAdd = 0x10001u;  // DAM, plain, merged
 constexpr uint32_t kMsgRouteDel = 0x10002u;  // DAM, plain, merged as deletes
 constexpr uint32_t kMsgArp = 0x10003u;       // processed at once in the DAM table
-constexpr uint32_t kMsgNhp = 0x10011u;       // FES, serially packed, merged
+constexpr uint32_t kMsgNhp = 0x10011u;       // FES, serially packed, merged moving behind
 constexpr uint32_t kMsgFesNow = 0x10012u;    // processed at once in the FES table
 constexpr uint32_t kMsgStats = 0x10021u;     // the module's own function, whole run
 constexpr uint32_t kMmDam = 0x20001u, kMmArp = 0x20003u, kMmFes = 0x20011u, kMmFesNow = 0x20012u;
@@ -73,14 +59,11 @@ constexpr uint32_t kTransTables = 0x7F7F7F71u, kTransSmooth = 0x7F7F7F72u;
 constexpr uint32_t kEntry = 16u;
 
 // ---- The books, shared with the callbacks ----
-uint32_t Combine(uint32_t pending, uint32_t arriving)
-{
-    uint32_t merged = arriving;
-    if (arriving != 3u) {
-        (void)ASOrchGetMergeRule(pending, arriving, &merged);
-    }
-    return merged;
-}
+// Broken promises, whatever failed underneath: a record delivered twice, out of order or
+// corrupt, a result code the interface does not give, a callback after destroy.
+struct ScenarioReport {
+    std::vector<std::string> faults;
+};
 
 // One merge queue of one orchestrator, seen from the module.
 struct QueueBook {
@@ -92,13 +75,17 @@ struct QueueBook {
     std::map<uint32_t, uint32_t> lastVer;  // last delivered version per key
     uint32_t offered = 0, coalesced = 0, delivered = 0;
 
-    void Offer(const Rec &r, uint32_t op)
+    void Offer(const Rec &r, uint32_t op, bool moveBehind = false)
     {
         ++offered;
         auto it = pending.find(r.key);
         if (it != pending.end()) {
             ++coalesced;
             it->second = {r.ver, Combine(it->second.op, op)};
+            if (moveBehind) {
+                order.erase(std::find(order.begin(), order.end(), r.key));
+                order.push_back(r.key);
+            }
             return;
         }
         pending[r.key] = {r.ver, op};
@@ -174,7 +161,7 @@ uint32_t Merged(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
         return 1u;
     }
     std::memcpy(&r, v->data, sizeof(r));
-    if (r.check != Mix(Mix(r.key, r.ver), r.state) || Rd32(v->key) != r.key) {
+    if (!Intact(r) || Rd32(v->key) != r.key) {
         Fault("corrupt record delivered, key " + std::to_string(Rd32(v->key)));
         return 1u;
     }
@@ -227,7 +214,7 @@ uint32_t Immediate(ASOrchHandle *h, ASOrchMsgVec *v)
         return 1u;
     }
     std::memcpy(&r, v->data, sizeof(r));
-    if (r.check != Mix(Mix(r.key, r.ver), r.state)) {
+    if (!Intact(r)) {
         Fault("corrupt immediate record");
     }
     ++g_books.immediate;
@@ -346,7 +333,7 @@ ASOrchBasePara Base(Regs &r, bool mb)
     r.recv0[0] = Recv(kMmDam, kMsgRouteAdd, 0u);
     r.recv0[1] = Recv(kMmDam, kMsgRouteDel, 0u, 1u);
     r.recv0[2] = Recv(kMmArp, kMsgArp, 4u);
-    r.recv0[3] = Recv(kMmFes, kMsgNhp, 1u);
+    r.recv0[3] = Recv(kMmFes, kMsgNhp, 3u);  // FES, an update moves behind the others
     r.recv0[3].opType = kNhpOpType;
     r.recv0[3].unpackFunc = Unpack;
     r.recv0[3].unpackFreeFunc = UnpackFree;
@@ -436,7 +423,7 @@ void SendNextHops(ASOrchHandle *h, std::initializer_list<uint32_t> keys)
     for (uint32_t k : keys) {
         const Rec r = Next(1u, k);
         PutRec(b, r);
-        g_books.queues[0][1].Offer(r, 0u);
+        g_books.queues[0][1].Offer(r, 0u, true);
     }
     Send(h, kMsgNhp, b);
 }
@@ -498,23 +485,19 @@ void PutItem(Bytes &b, uint32_t type, uint32_t len, uint32_t tableId)
 // Smoothing for the platform's entry points (pre-callback) and for the module's own.
 void SendSmoothing(ASOrchHandle *h)
 {
-    Bytes plat, own, a;
-    PutItem(plat, ASORCH_SMOOTH_CLASS_BEGIN, 16u, kTblSmoothPlat);
-    PutItem(plat, ASORCH_SMOOTH_PID_STATE, 20u, kTblSmoothPlat);
-    PutItem(plat, ASORCH_SMOOTH_VRF_STATE, 32u, kTblSmoothPlat);
-    PutItem(plat, ASORCH_SMOOTH_VRF_DATA_BEGIN, 28u, kTblSmoothPlat);
-    PutItem(plat, ASORCH_SMOOTH_VRF_DATA_END, 28u, kTblSmoothPlat);
-    PutItem(plat, ASORCH_SMOOTH_CLASS_END, 16u, kTblSmoothPlat);
-    PutItem(plat, ASORCH_SMOOTH_DAM_CLASS, 16u, kTblSmoothPlat);
-    PutItem(own, ASORCH_SMOOTH_CLASS_BEGIN, 16u, kTblSmoothOwn);
-    PutItem(own, ASORCH_SMOOTH_LR_CLASS, 16u, kTblSmoothOwn);
-    PutItem(own, ASORCH_SMOOTH_LR_CLASS2, 16u, kTblSmoothOwn);
-    PutItem(own, ASORCH_SMOOTH_DAM_CLASS2, 16u, kTblSmoothOwn);
-    PutItem(own, ASORCH_SMOOTH_CLASS_END, 16u, kTblSmoothOwn);
-    PutTlv(a, kTblSmoothPlat, 5u, static_cast<uint32_t>(plat.size()));
-    a.insert(a.end(), plat.begin(), plat.end());
-    PutTlv(a, kTblSmoothOwn, 6u, static_cast<uint32_t>(own.size()));
-    a.insert(a.end(), own.begin(), own.end());
+    const std::pair<uint32_t, uint32_t> plat[] = {
+        {ASORCH_SMOOTH_CLASS_BEGIN, 16u},    {ASORCH_SMOOTH_PID_STATE, 20u},    {ASORCH_SMOOTH_VRF_STATE, 32u},
+        {ASORCH_SMOOTH_VRF_DATA_BEGIN, 28u}, {ASORCH_SMOOTH_VRF_DATA_END, 28u}, {ASORCH_SMOOTH_CLASS_END, 16u},
+        {ASORCH_SMOOTH_DAM_CLASS, 16u}};
+    const uint32_t own[] = {ASORCH_SMOOTH_CLASS_BEGIN, ASORCH_SMOOTH_LR_CLASS, ASORCH_SMOOTH_LR_CLASS2,
+                            ASORCH_SMOOTH_DAM_CLASS2, ASORCH_SMOOTH_CLASS_END};
+    Bytes p, o, a;
+    for (const auto &[type, len] : plat) PutItem(p, type, len, kTblSmoothPlat);
+    for (uint32_t type : own) PutItem(o, type, 16u, kTblSmoothOwn);
+    PutTlv(a, kTblSmoothPlat, 5u, static_cast<uint32_t>(p.size()));
+    a.insert(a.end(), p.begin(), p.end());
+    PutTlv(a, kTblSmoothOwn, 6u, static_cast<uint32_t>(o.size()));
+    a.insert(a.end(), o.begin(), o.end());
     Send(h, kTransSmooth, Trans(kTransSmooth, 2u, a));
 }
 
@@ -568,15 +551,8 @@ uint32_t Presses(void *eal, uint32_t chan, uint32_t *releases)
     return RIX_TEST_ChanBackPressCount(eal, chan, releases);
 }
 
-}  // namespace
-
-void PrepareScenario()
-{
-    RIX_TEST_Reset();
-    RIX_TEST_LogCapture(1);
-    ResetAllocStats();
-}
-
+// Runs the scenario in the calling process. strict: no failure is armed, so the books must
+// come out exact (what was offered, delivered, coalesced, back-pressed, in which order).
 void RunScenario(ScenarioReport &report, bool strict)
 {
     g_books = Books{};
@@ -711,8 +687,6 @@ std::string LeftBehind(int fdsBefore, uint32_t hashTablesBefore, bool tableKept)
     return out;
 }
 
-namespace {
-
 std::string ReadAll(int fd)
 {
     std::string out;
@@ -725,6 +699,31 @@ std::string ReadAll(int fd)
 }
 
 enum ChildExit { kExitOk = 0, kExitLeak = 70, kExitFault = 71 };
+
+// Prepares, arms and runs the scenario, then takes the payload and the captured lines and,
+// with nothing armed any more, what was left behind.
+struct Armed {
+    ScenarioReport report;
+    std::string payload, left;
+    std::vector<std::string> lines;
+};
+Armed RunArmed(const std::function<void()> &arm, bool strict, const std::function<std::string()> &payload,
+               uint32_t tablesKept)
+{
+    Armed out;
+    RIX_TEST_Reset();
+    RIX_TEST_LogCapture(1);
+    ResetAllocStats();
+    const int fds = FdCount();
+    const uint32_t tables = RIX_TEST_HashTableCount();
+    arm();
+    RunScenario(out.report, strict);
+    out.payload = payload ? payload() : std::string();
+    out.lines = Lines();
+    RIX_TEST_Reset();
+    out.left = LeftBehind(fds, tables + tablesKept, tablesKept != 0u);
+    return out;
+}
 
 }  // namespace
 
@@ -743,18 +742,9 @@ ChildOutcome RunScenarioInChild(const std::function<void()> &arm, bool strict,
     if (pid == 0) {
         dup2(fileno(err), 2);
         alarm(60);  // a hang is reported as a crash by SIGALRM
-        PrepareScenario();
-        const int fds = FdCount();
-        const uint32_t tables = RIX_TEST_HashTableCount();
-        arm();
-        ScenarioReport report;
-        RunScenario(report, strict);
-        std::string text = payload ? payload() : std::string();
-        const std::vector<std::string> lines = Lines();
-        RIX_TEST_Reset();  // nothing armed during the checks; drops the captured lines
-        const std::string left = LeftBehind(fds, tables + tablesKept, tablesKept != 0u);
+        const Armed run = RunArmed(arm, strict, payload, tablesKept);
         int code = kExitOk;
-        for (const std::string &f : report.faults) {
+        for (const std::string &f : run.report.faults) {
             std::fprintf(stderr, "fault: %s\n", f.c_str());
             code = kExitFault;
         }
@@ -762,20 +752,20 @@ ChildOutcome RunScenarioInChild(const std::function<void()> &arm, bool strict,
             std::fprintf(stderr, "fault: a check of the test support failed (block freed twice?)\n");
             code = kExitFault;
         }
-        if (!left.empty()) {
-            std::fprintf(stderr, "left behind: %s\n", left.c_str());
+        if (!run.left.empty()) {
+            std::fprintf(stderr, "left behind: %s\n", run.left.c_str());
             code = code == kExitOk ? kExitLeak : code;
         }
         if (code != kExitOk) {
             // The orchestrators' own lines tell where the failure went in.
             uint32_t shown = 0;
-            for (const std::string &l : lines) {
+            for (const std::string &l : run.lines) {
                 if ((l.find("ail") != std::string::npos || l.find("rror") != std::string::npos) && ++shown <= 10u) {
                     std::fprintf(stderr, "  log: %s\n", l.c_str());
                 }
             }
         }
-        std::fputs(text.c_str(), pay);
+        std::fputs(run.payload.c_str(), pay);
         std::fflush(nullptr);
         _exit(code);
     }
@@ -802,22 +792,15 @@ ChildOutcome RunScenarioInChild(const std::function<void()> &arm, bool strict,
 
 int RunScenarioHere(const std::function<void()> &arm)
 {
-    PrepareScenario();
-    const int fds = FdCount();
-    const uint32_t tables = RIX_TEST_HashTableCount();
-    arm();
-    ScenarioReport report;
-    RunScenario(report, false);
-    for (const std::string &f : report.faults) {
+    const Armed run = RunArmed(arm, false, {}, 0u);
+    for (const std::string &f : run.report.faults) {
         std::printf("fault: %s\n", f.c_str());
     }
-    for (const std::string &l : Lines()) {
+    for (const std::string &l : run.lines) {
         std::printf("  log: %s\n", l.c_str());
     }
-    RIX_TEST_Reset();
-    const std::string left = LeftBehind(fds, tables, false);
-    std::printf("left behind: %s\n", left.empty() ? "nothing" : left.c_str());
-    return report.faults.empty() && left.empty() ? 0 : 1;
+    std::printf("left behind: %s\n", run.left.empty() ? "nothing" : run.left.c_str());
+    return run.report.faults.empty() && run.left.empty() ? 0 : 1;
 }
 
 void SweepTally::Add(const ChildOutcome &o, const std::string &site)

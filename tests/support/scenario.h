@@ -13,27 +13,6 @@
 
 namespace rixtest {
 
-struct ScenarioReport {
-    // Broken promises, whatever failed underneath: a record delivered twice, out of order or
-    // corrupt, a result code the interface does not give, a callback after destroy.
-    std::vector<std::string> faults;
-};
-
-// Resets the stand-ins and the counting allocator and captures log lines; the caller arms
-// its failure after this.
-void PrepareScenario();
-// Runs the scenario in the calling process. strict: no failure is armed, so the books must
-// come out exact (what was offered, delivered, coalesced, back-pressed, in which order).
-void RunScenario(ScenarioReport &report, bool strict);
-
-// Open descriptors of the process.
-int FdCount();
-
-// What the orchestrators left behind after RunScenario: empty when nothing, else a reason
-// (blocks of the module's allocator, abstraction-layer instances, hash tables or blocks,
-// descriptors, module names, queue names).
-std::string LeftBehind(int fdsBefore, uint32_t hashTablesBefore);
-
 // One run of the scenario in a child process (fork): prepare, arm, run, then the leak checks.
 struct ChildOutcome {
     enum Kind { Ok, Leak, Fault, Crash } kind = Crash;
