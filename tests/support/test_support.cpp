@@ -170,7 +170,7 @@ void PlatformTest::TearDown()
 void OrchTest::SetUp()
 {
     PlatformTest::SetUp();
-    h_ = ASOrchCreate("DEMO", &para_);
+    h_ = ASOrchCreate(name_, &para_);
     ASSERT_NE(nullptr, h_);
     eal_ = h_->ealHdl;
     RIX_TEST_LogClear();
@@ -178,9 +178,20 @@ void OrchTest::SetUp()
 
 void OrchTest::TearDown()
 {
-    ASOrchDestroy(h_);
+    if (h_ != nullptr) {
+        ASOrchDestroy(h_);
+        h_ = nullptr;
+    }
     EXPECT_EQ(0, LiveAllocations()) << DumpLines();
+    EXPECT_EQ(0u, RIX_TEST_EalLiveCount());
+    EXPECT_EQ(0u, AutoSyncNameExisted(name_));
     PlatformTest::TearDown();
+}
+
+void OrchTest::Recreate()
+{
+    TearDown();
+    SetUp();
 }
 
 GuardedBuffer::GuardedBuffer(size_t size) : size_(size)

@@ -48,12 +48,15 @@ protected:
     void TearDown() override;
 };
 
-// A fresh orchestrator "DEMO" on the counting allocator, log cleared; teardown destroys it
-// and requires every allocation back.
+// A fresh orchestrator (name_, "DEMO" unless a derived constructor says otherwise) on the
+// counting allocator, log cleared; teardown destroys it (unless a test did and cleared h_) and
+// requires every block, the abstraction-layer instance and the module name back.
 class OrchTest : public PlatformTest {
 protected:
     void SetUp() override;
     void TearDown() override;
+    void Recreate();  // TearDown's checks, then a fresh orchestrator
+    const char *name_ = "DEMO";
     ASOrchCreatePara para_ = CountingCreatePara();
     ASOrchHandle *h_ = nullptr;
     void *eal_ = nullptr;
