@@ -101,13 +101,6 @@ uint32_t Op1(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 1u); }
 uint32_t Op2(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 2u); }
 uint32_t Op3(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 3u); }
 
-template <uint32_t Chan>
-uint32_t Hash(const void *k)
-{
-    auto *v = static_cast<const ASOrchMsgVec *>(k);
-    return ASOrchMergeHashFunc(static_cast<ASOrchHandle *>(v->usrData), Chan, v);
-}
-
 void Offer(QueueBook &b, const Rec &r, uint32_t op)
 {
     ++b.offered;
@@ -185,8 +178,8 @@ TEST_F(SoakTest, EveryOfferComesOutOnceOrCoalescedInFirstArrivalOrder)
         msgs[c] = {kMergeMsg[c], {Op0, Op1, Op2, Op3}};
     }
     bp.recvTblMsg[0] = {recv, 4u};
-    bp.mergeMque[0] = {&msgs[0], 1u, 256u, Hash<0u>, kHigh[0], kLow[0]};
-    bp.mergeMque[1] = {&msgs[1], 1u, 256u, Hash<1u>, kHigh[1], kLow[1]};
+    bp.mergeMque[0] = {&msgs[0], 1u, 256u, rixtest::MergeHash<0u>, kHigh[0], kLow[0]};
+    bp.mergeMque[1] = {&msgs[1], 1u, 256u, rixtest::MergeHash<1u>, kHigh[1], kLow[1]};
     ASSERT_EQ(ASOrchRegBase(soak.h, &bp), 0u) << rixtest::DumpLines();
     void *eal = ASOrchGetEalHdl(soak.h);
     for (uint32_t c = 0; c < 2u; ++c) RIX_TEST_ChanSetRecv(eal, c, ChanRecv, nullptr);

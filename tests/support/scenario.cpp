@@ -122,26 +122,12 @@ uint32_t Checked(const char *call, uint32_t r)
     return r;
 }
 
-int OrchIndex(ASOrchHandle *h)
-{
-    if (h != nullptr && h == g_books.mod) {
-        return g_books.modGone ? -2 : 0;
-    }
-    if (h != nullptr && h == g_books.peer) {
-        return g_books.peerGone ? -2 : 1;
-    }
-    return -1;
-}
-
+// A callback of a live orchestrator of the scenario: *idx 0 for the mb role, 1 for the peer.
 bool CheckedCallback(ASOrchHandle *h, const char *what, int *idx)
 {
-    *idx = OrchIndex(h);
-    if (*idx == -2) {
-        Fault(std::string(what) + " called after ASOrchDestroy returned");
-        return false;
-    }
-    if (*idx < 0) {
-        Fault(std::string(what) + " called with an unknown handle");
+    *idx = h == nullptr ? -1 : h == g_books.mod ? 0 : h == g_books.peer ? 1 : -1;
+    if (*idx < 0 || (*idx == 0 ? g_books.modGone : g_books.peerGone)) {
+        Fault(std::string(what) + (*idx < 0 ? " called with an unknown handle" : " called after ASOrchDestroy returned"));
         return false;
     }
     return true;
@@ -245,16 +231,8 @@ uint32_t TableProc(ASOrchHandle *h, void *tables, uint32_t nums, uint32_t tblSiz
     return 0u;
 }
 
-uint32_t SmoothPre(uint32_t, uint32_t, void *, uint32_t)
-{
-    ++g_books.smoothPre;
-    return 0u;
-}
-uint32_t SmoothOwn(uint32_t, uint32_t, void *, uint32_t)
-{
-    ++g_books.smoothOwn;
-    return 0u;
-}
+uint32_t SmoothPre(uint32_t, uint32_t, void *, uint32_t) { return ++g_books.smoothPre, 0u; }
+uint32_t SmoothOwn(uint32_t, uint32_t, void *, uint32_t) { return ++g_books.smoothOwn, 0u; }
 
 // Serial form: {msgId, count} {opType, 0} then records; the result points into the body.
 void Unpack(void *data, uint32_t len, ASOrchUnpackResult *res, ASOrchMsg *)
@@ -269,13 +247,6 @@ void UnpackFree(ASOrchUnpackResult *) { ++g_books.unpackFrees; }
 void Notify() {}
 
 void TimerTick(uintptr_t) { Fault("the timer came due"); }
-
-template <uint32_t Chan>
-uint32_t Hash(const void *k)
-{
-    auto *v = static_cast<const ASOrchMsgVec *>(k);
-    return ASOrchMergeHashFunc(static_cast<ASOrchHandle *>(v->usrData), Chan, v);
-}
 
 void CollectSync(void *, uint32_t grpId, const RIX_EAL_SyncItem *items, uint32_t count)
 {
@@ -353,8 +324,8 @@ ASOrchBasePara Base(Regs &r, bool mb)
     r.fes[0] = {kMmFes, {Merged0, Merged1, Merged2, Merged3}};
     r.fes[1] = {kMmFesNow, {Immediate, nullptr, nullptr, nullptr}};
     // Water marks low enough that a handful of records passes them.
-    bp.mergeMque[0] = {r.dam, 2u, 64u, Hash<0u>, 4u, 2u};
-    bp.mergeMque[1] = {r.fes, 2u, 32u, Hash<1u>, 3u, 1u};
+    bp.mergeMque[0] = {r.dam, 2u, 64u, MergeHash<0u>, 4u, 2u};
+    bp.mergeMque[1] = {r.fes, 2u, 32u, MergeHash<1u>, 3u, 1u};
     return bp;
 }
 

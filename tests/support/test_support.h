@@ -32,6 +32,14 @@ void FailAllocNth(uint64_t nth);      // the nth allocation from now (1 = next) 
 void FailAllocAlways(bool on);
 void FailAllocFrom(uint64_t nth);     // the nth allocation from now and every later one fail; 0 disarms
 
+// A module's bucket hash for merge channel Chan: the stored copy names its orchestrator.
+template <uint32_t Chan>
+uint32_t MergeHash(const void *key)
+{
+    auto *v = static_cast<const ASOrchMsgVec *>(key);
+    return ASOrchMergeHashFunc(static_cast<ASOrchHandle *>(v->usrData), Chan, v);
+}
+
 // Create parameters that use the counting allocator.
 ASOrchCreatePara CountingCreatePara();
 
