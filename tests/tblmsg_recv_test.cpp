@@ -243,7 +243,7 @@ TEST_F(RecvTest, SendersUseTheirChannelAndLoopbackAndNullArgumentsAreRefused)
     EXPECT_EQ(rixtest::Lines(), want) << rixtest::DumpLines();
 }
 
-TEST_F(RecvTest, BurstsCoalescePerKeyAndDrainOldestFirst32PerWakeUp)
+TEST_F(RecvTest, BurstsCoalescePerKeyAndDrainOldestFirst)
 {
     // mergeType 0: DAM queue, an update keeps its place.
     ASSERT_EQ(Register({Plain(10, 0, 0), Plain(11, 0, 1)}), 0u);
@@ -262,19 +262,7 @@ TEST_F(RecvTest, BurstsCoalescePerKeyAndDrainOldestFirst32PerWakeUp)
         // Key 2: update then add -> 2; key 1: add then update -> 1; key 3: add -> 0.
         EXPECT_EQ(drain(), (Kov{{2, 2, 3}, {1, 1, 5}, {3, 0, 4}})) << round << rixtest::DumpLines();
     }
-    RIX_TEST_LogClear();
-    Kov want;
-    for (uint32_t k = 0; k < 40; ++k) {
-        ASSERT_EQ(Send(10, Body({k + 100, k})), 0u);
-        want.emplace_back(k + 100, 0, k);
-    }
-    EXPECT_EQ(drain(), want);
-    EXPECT_TRUE(rixtest::HasLine("read DAM merge msg count 32 finished.")) << rixtest::DumpLines();
-    EXPECT_TRUE(rixtest::HasLine("read DAM merge msg count 8 finished."));
-    // Pending copies are released with the orchestrator as well.
-    ASSERT_EQ(Send(10, Body({1, 1, 2, 2})), 0u);
-    ASOrchDestroy(h_);
-    h_ = nullptr;
+    ASSERT_EQ(Send(10, Body({1, 1, 2, 2})), 0u);  // pending copies go with the orchestrator
 }
 
 }  // namespace
