@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,7 +20,7 @@
 
 namespace {
 
-using rixtest::Combine;
+using rixtest::QueueBook;
 using rixtest::Rec;
 
 constexpr uint32_t kKeys = 512u;
@@ -33,20 +32,8 @@ constexpr uint32_t kMsgAge[2] = {0x30003u, 0x30013u};  // handled by the module 
 constexpr uint32_t kMergeMsg[2] = {0x40001u, 0x40011u};
 constexpr uint32_t kHigh[2] = {48u, 32u}, kLow[2] = {8u, 4u};
 
-// The module's side, touched only on the DATA thread (writes and drains both run there)
-// until the main thread has seen the loop idle.
-struct QueueBook {
-    struct Pending {
-        uint32_t ver, op;
-        bool live;
-    };
-    Pending pending[kKeys] = {};
-    uint32_t lastVer[kKeys] = {};
-    uint32_t lastOp[kKeys] = {};
-    std::deque<uint32_t> order;  // pending keys, first arrival first
-    uint64_t offered = 0, delivered = 0, coalesced = 0, byOp[4] = {};
-};
-
+// The books are touched only on the DATA thread (writes and drains both run there) until
+// the main thread has seen the loop idle.
 struct Soak {
     ASOrchHandle *h = nullptr;
     QueueBook q[2];
@@ -73,48 +60,21 @@ uint32_t Delivered(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
         return 1u;
     }
     std::memcpy(&r, v->data, sizeof(r));
-    QueueBook &b = g_soak->q[c];
-    if (!rixtest::Intact(r) || r.key >= kKeys) {
+    if (r.key >= kKeys || !rixtest::Intact(r)) {
         Error("corrupt record");
         return 1u;
     }
-    QueueBook::Pending &p = b.pending[r.key];
-    if (!p.live || b.order.empty() || b.order.front() != r.key) {
-        Error("key " + std::to_string(r.key) + " delivered out of first-arrival order or twice");
+    g_soak->outstanding.fetch_sub(1);
+    if (const std::string why = g_soak->q[c].Deliver(r, v->opType, true); !why.empty()) {
+        Error(why);
         return 1u;
     }
-    if (p.ver != r.ver || p.op != v->opType) {
-        Error("key " + std::to_string(r.key) + ": delivered version " + std::to_string(r.ver) + " op " +
-              std::to_string(v->opType) + ", expected " + std::to_string(p.ver) + " op " + std::to_string(p.op));
-    }
-    b.order.pop_front();
-    p.live = false;
-    b.lastVer[r.key] = r.ver;
-    b.lastOp[r.key] = v->opType;
-    ++b.delivered;
-    ++b.byOp[v->opType & 3u];
-    g_soak->outstanding.fetch_sub(1);
     return 0u;
 }
 uint32_t Op0(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 0u); }
 uint32_t Op1(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 1u); }
 uint32_t Op2(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 2u); }
 uint32_t Op3(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 3u); }
-
-void Offer(QueueBook &b, const Rec &r, uint32_t op)
-{
-    ++b.offered;
-    QueueBook::Pending &p = b.pending[r.key];
-    if (p.live) {
-        ++b.coalesced;
-        g_soak->outstanding.fetch_sub(1);
-        p.ver = r.ver;
-        p.op = Combine(p.op, op);
-        return;
-    }
-    p = {r.ver, op, true};
-    b.order.push_back(r.key);
-}
 
 // The channels' receive function, on the DATA thread: books first, then the orchestrator.
 // Age information is the module's own: it goes into the merge path record by record.
@@ -128,7 +88,9 @@ void ChanRecv(void *, uint32_t chan, const void *msg, uint32_t len)
     for (uint32_t i = 0; i < n; ++i) {
         Rec r;
         std::memcpy(&r, recs + i * kRecSize, sizeof(r));
-        Offer(g_soak->q[chan], r, op);
+        if (g_soak->q[chan].Offer(r, op)) {
+            g_soak->outstanding.fetch_sub(1);
+        }
     }
     if (op == 3u) {
         for (uint32_t i = 0; i < n; ++i) {
@@ -258,7 +220,8 @@ TEST_F(SoakTest, EveryOfferComesOutOnceOrCoalescedInFirstArrivalOrder)
         coalesced += b.coalesced;
         for (int o = 0; o < 4; ++o) byOp[o] += b.byOp[o];
         for (uint32_t k = 0; k < kKeys; ++k) {
-            badKeys += b.lastVer[k] != offerVer[c * kKeys + k] || b.pending[k].live;
+            const auto last = b.lastVer.find(k);
+            badKeys += (last == b.lastVer.end() ? 0u : last->second) != offerVer[c * kKeys + k] || b.pending.count(k) != 0u;
         }
     }
     const uint64_t lost = total - delivered - coalesced;

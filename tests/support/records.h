@@ -1,9 +1,13 @@
 // The self-checking records that the scenario and the soak push through the merge path, and
-// the operation type a pending record ends with when another of its key arrives.
+// the module's books of one merge queue: what must come out, in which order, as what.
 #ifndef RIX_TEST_RECORDS_H
 #define RIX_TEST_RECORDS_H
 
+#include <algorithm>
 #include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
 
 #include "rix_autosync_orch.h"
 
@@ -34,6 +38,71 @@ inline uint32_t Combine(uint32_t pending, uint32_t arriving)
     }
     return merged;
 }
+
+// One merge queue seen from the module: each key offered and not yet delivered, first arrival
+// first, with the version and the combined operation type it must come out with.
+struct QueueBook {
+    struct Pending {
+        uint32_t ver, op;
+    };
+    std::deque<uint32_t> order;
+    std::map<uint32_t, Pending> pending;
+    std::map<uint32_t, uint32_t> lastVer;  // last delivered version per key
+    uint64_t offered = 0, coalesced = 0, delivered = 0, byOp[4] = {};
+
+    // moveBehind: the queue moves an updated record behind the others (merge types 2 and 3).
+    // True when the record coalesced into a pending one.
+    bool Offer(const Rec &r, uint32_t op, bool moveBehind = false)
+    {
+        ++offered;
+        auto it = pending.find(r.key);
+        if (it == pending.end()) {
+            pending[r.key] = {r.ver, op};
+            order.push_back(r.key);
+            return false;
+        }
+        ++coalesced;
+        it->second = {r.ver, Combine(it->second.op, op)};
+        if (moveBehind) {
+            order.erase(std::find(order.begin(), order.end(), r.key));
+            order.push_back(r.key);
+        }
+        return true;
+    }
+
+    // A record delivered as op: empty when the books agree, else why not. Never twice nor
+    // backwards; strict (nothing was lost on the way): the first pending key, as last offered.
+    std::string Deliver(const Rec &r, uint32_t op, bool strict)
+    {
+        std::string why;
+        const auto key = [&r] { return "key " + std::to_string(r.key); };
+        auto last = lastVer.find(r.key);
+        if (last != lastVer.end() && r.ver <= last->second) {
+            why = key() + " delivered twice or out of order: version " + std::to_string(r.ver) + " after " +
+                  std::to_string(last->second);
+        }
+        lastVer[r.key] = r.ver;
+        ++delivered;
+        ++byOp[op & 3u];
+        if (!strict) {
+            return why;
+        }
+        auto p = pending.find(r.key);
+        if (p == pending.end() || order.empty() || order.front() != r.key) {
+            why = key() + " delivered out of first-arrival order";
+        } else if (p->second.ver != r.ver || p->second.op != op) {
+            why = key() + " delivered version " + std::to_string(r.ver) + " op " + std::to_string(op) +
+                  ", last offered " + std::to_string(p->second.ver) + " op " + std::to_string(p->second.op);
+        }
+        if (p != pending.end()) {
+            pending.erase(p);
+        }
+        if (!order.empty() && order.front() == r.key) {
+            order.pop_front();
+        }
+        return why;
+    }
+};
 
 }  // namespace rixtest
 

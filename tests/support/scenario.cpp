@@ -7,9 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <algorithm>
-#include <deque>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -63,34 +60,6 @@ constexpr uint32_t kEntry = 16u;
 // corrupt, a result code the interface does not give, a callback after destroy.
 struct ScenarioReport {
     std::vector<std::string> faults;
-};
-
-// One merge queue of one orchestrator, seen from the module.
-struct QueueBook {
-    struct Pending {
-        uint32_t ver, op;
-    };
-    std::deque<uint32_t> order;  // pending keys, first arrival first
-    std::map<uint32_t, Pending> pending;
-    std::map<uint32_t, uint32_t> lastVer;  // last delivered version per key
-    uint32_t offered = 0, coalesced = 0, delivered = 0;
-
-    void Offer(const Rec &r, uint32_t op, bool moveBehind = false)
-    {
-        ++offered;
-        auto it = pending.find(r.key);
-        if (it != pending.end()) {
-            ++coalesced;
-            it->second = {r.ver, Combine(it->second.op, op)};
-            if (moveBehind) {
-                order.erase(std::find(order.begin(), order.end(), r.key));
-                order.push_back(r.key);
-            }
-            return;
-        }
-        pending[r.key] = {r.ver, op};
-        order.push_back(r.key);
-    }
 };
 
 struct Books {
@@ -151,29 +120,8 @@ uint32_t Merged(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
         Fault("corrupt record delivered, key " + std::to_string(Rd32(v->key)));
         return 1u;
     }
-    QueueBook &b = g_books.queues[o][q];
-    auto last = b.lastVer.find(r.key);
-    if (last != b.lastVer.end() && r.ver <= last->second) {
-        Fault("key " + std::to_string(r.key) + " delivered twice or out of order: version " + std::to_string(r.ver) +
-              " after " + std::to_string(last->second));
-    }
-    b.lastVer[r.key] = r.ver;
-    ++b.delivered;
-    if (g_books.strict) {
-        auto p = b.pending.find(r.key);
-        if (p == b.pending.end() || b.order.empty() || b.order.front() != r.key) {
-            Fault("key " + std::to_string(r.key) + " delivered out of first-arrival order");
-        } else if (p->second.ver != r.ver || p->second.op != v->opType) {
-            Fault("key " + std::to_string(r.key) + " delivered version " + std::to_string(r.ver) + " op " +
-                  std::to_string(v->opType) + ", last offered " + std::to_string(p->second.ver) + " op " +
-                  std::to_string(p->second.op));
-        }
-        if (p != b.pending.end()) {
-            b.pending.erase(p);
-        }
-        if (!b.order.empty() && b.order.front() == r.key) {
-            b.order.pop_front();
-        }
+    if (const std::string why = g_books.queues[o][q].Deliver(r, v->opType, g_books.strict); !why.empty()) {
+        Fault(why);
     }
     // What comes out is synced on: the mb role to the other orchestrator, the other back.
     uint8_t item[4 + kRecSize];
