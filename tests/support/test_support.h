@@ -29,7 +29,6 @@ AllocStats GetAllocStats();
 int64_t LiveAllocations();            // allocs - frees
 void ResetAllocStats();
 void FailAllocNth(uint64_t nth);      // the nth allocation from now (1 = next) returns null; 0 disarms
-void FailAllocAlways(bool on);
 void FailAllocFrom(uint64_t nth);     // the nth allocation from now and every later one fail; 0 disarms
 
 // A module's bucket hash for merge channel Chan: the stored copy names its orchestrator.
