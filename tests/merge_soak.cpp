@@ -54,18 +54,16 @@ uint32_t Delivered(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
 {
     const int c = v->msgId == kMergeMsg[0] ? 0 : v->msgId == kMergeMsg[1] ? 1 : -1;
     Rec r{};
-    if (h != g_soak->h || c < 0 || v->opType != slot || v->dataLen != kRecSize || v->keyLen != 4u ||
-        v->data == nullptr) {
-        Error("malformed vector");
-        return 1u;
+    std::string why = h != g_soak->h || c < 0 ? "msgId " + std::to_string(v->msgId) : rixtest::TakeRecord(v, slot, &r);
+    if (why.empty() && r.key >= kKeys) {
+        why = "key " + std::to_string(r.key) + " never offered";
     }
-    std::memcpy(&r, v->data, sizeof(r));
-    if (r.key >= kKeys || !rixtest::Intact(r)) {
-        Error("corrupt record");
+    if (!why.empty()) {
+        Error(why);
         return 1u;
     }
     g_soak->outstanding.fetch_sub(1);
-    if (const std::string why = g_soak->q[c].Deliver(r, v->opType, true); !why.empty()) {
+    if (why = g_soak->q[c].Deliver(r, v->opType, true); !why.empty()) {
         Error(why);
         return 1u;
     }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <string>
@@ -28,6 +29,19 @@ inline uint32_t Mix(uint32_t a, uint32_t b)
 
 inline Rec Seal(uint32_t key, uint32_t ver, uint32_t state) { return {key, ver, state, Mix(Mix(key, ver), state)}; }
 inline bool Intact(const Rec &r) { return r.check == Mix(Mix(r.key, r.ver), r.state); }
+
+// The record a vector handed to the msgProc of slot carries: empty when the vector is well
+// formed (4-byte key, one record) and key and record are intact, else why not.
+inline std::string TakeRecord(const ASOrchMsgVec *v, uint32_t slot, Rec *r)
+{
+    if (v->opType != slot || v->keyLen != 4u || v->dataLen != sizeof(Rec) || v->key == nullptr || v->data == nullptr) {
+        return "malformed vector msgId " + std::to_string(v->msgId) + " opType " + std::to_string(v->opType);
+    }
+    uint32_t key = 0;
+    std::memcpy(&key, v->key, 4);
+    std::memcpy(r, v->data, sizeof(*r));
+    return Intact(*r) && key == r->key ? std::string() : "corrupt record delivered, key " + std::to_string(key);
+}
 
 // Age information (3) is never combined; other pairs by the rules, else the arriving type.
 inline uint32_t Combine(uint32_t pending, uint32_t arriving)

@@ -109,14 +109,8 @@ uint32_t Merged(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
     }
     const int q = v->msgId == kMmDam ? 0 : v->msgId == kMmFes ? 1 : -1;
     Rec r{};
-    if (q < 0 || v->opType != slot || v->keyLen != kKeySize || v->dataLen != kRecSize || v->key == nullptr ||
-        v->data == nullptr) {
-        Fault("malformed vector msgId " + std::to_string(v->msgId) + " opType " + std::to_string(v->opType));
-        return 1u;
-    }
-    std::memcpy(&r, v->data, sizeof(r));
-    if (!Intact(r) || Rd32(v->key) != r.key) {
-        Fault("corrupt record delivered, key " + std::to_string(Rd32(v->key)));
+    if (const std::string why = q < 0 ? "msgId " + std::to_string(v->msgId) : TakeRecord(v, slot, &r); !why.empty()) {
+        Fault(why);
         return 1u;
     }
     if (const std::string why = g_books.queues[o][q].Deliver(r, v->opType, g_books.strict); !why.empty()) {
