@@ -27,8 +27,14 @@ inline uint32_t Mix(uint32_t a, uint32_t b)
     return h ^ (h >> 12);
 }
 
-inline Rec Seal(uint32_t key, uint32_t ver, uint32_t state) { return {key, ver, state, Mix(Mix(key, ver), state)}; }
-inline bool Intact(const Rec &r) { return r.check == Mix(Mix(r.key, r.ver), r.state); }
+inline Rec Seal(uint32_t key, uint32_t ver, uint32_t state)
+{
+    return {key, ver, state, Mix(Mix(key, ver), state)};
+}
+inline bool Intact(const Rec &r)
+{
+    return r.check == Mix(Mix(r.key, r.ver), r.state);
+}
 
 // The record a vector handed to the msgProc of slot carries: empty when the vector is well
 // formed (4-byte key, one record) and key and record are intact, else why not.

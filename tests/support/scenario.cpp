@@ -95,7 +95,8 @@ bool CheckedCallback(ASOrchHandle *h, const char *what, int *idx)
 {
     *idx = h == nullptr ? -1 : h == g_books.mod ? 0 : h == g_books.peer ? 1 : -1;
     if (*idx < 0 || (*idx == 0 ? g_books.modGone : g_books.peerGone)) {
-        Fault(std::string(what) + (*idx < 0 ? " called with an unknown handle" : " called after ASOrchDestroy returned"));
+        Fault(std::string(what) +
+              (*idx < 0 ? " called with an unknown handle" : " called after ASOrchDestroy returned"));
         return false;
     }
     return true;
@@ -699,6 +700,18 @@ void SweepTally::Add(const ChildOutcome &o, const std::string &site)
         }
         firstFailures.push_back(site + ":\n" + d);
     }
+}
+
+bool SweepTally::Report(const char *name, const std::string &sites) const
+{
+    std::printf("%s: %s, %u runs, %u crashes, %u leaks\n", name, sites.c_str(), runs, crashes, leaks);
+    if (faults != 0u) {
+        std::printf("%s: %u runs broke a promise (wrong result, record delivered twice or corrupt)\n", name, faults);
+    }
+    for (const std::string &f : firstFailures) {
+        std::printf("--- %s\n", f.c_str());
+    }
+    return crashes + leaks + faults == 0u;
 }
 
 }  // namespace rixtest

@@ -32,6 +32,9 @@ struct SweepTally {
     uint32_t runs = 0, crashes = 0, leaks = 0, faults = 0;
     std::vector<std::string> firstFailures;
     void Add(const ChildOutcome &o, const std::string &site);
+    // Prints "<name>: <sites>, R runs, C crashes, L leaks", the broken promises and the first
+    // failures; true when every run was clean.
+    bool Report(const char *name, const std::string &sites) const;
 };
 
 }  // namespace rixtest
