@@ -58,7 +58,7 @@ TEST_F(PipelineTest, StepsRunInOrderAndAFailingStepStopsThePipelineThere)
                  {0, "RIX_EAL_RegThread", 1u, 7u},        {1, "RIX_EAL_RegModStateRsp", 1u, 7u},
                  {2, "RIX_EAL_RegSyncGrpMsgSet", 2u, 7u}, {3, "RIX_EAL_ReservePort", 1u, 7u},
                  {4, "RIX_EAL_RegUcChannel", 3u, 7u},     {2, nullptr, 3u, 7u},
-                 {5, nullptr, 7u, 7u},             {6, nullptr, 11u, 7u}};
+                 {5, nullptr, 7u, 7u},                    {6, nullptr, 11u, 7u}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.step);
         Recreate();
