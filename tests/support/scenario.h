@@ -13,7 +13,20 @@
 
 namespace rixtest {
 
-// One run of the scenario in a child process (fork): prepare, arm, run, then the leak checks.
+// Broken promises, whatever failed underneath: a record delivered twice, out of order or
+// corrupt, a result code the interface does not give, a callback after destroy.
+struct ScenarioReport {
+    std::vector<std::string> faults;
+};
+// The scenario in this process (scenario.cpp). strict: no failure is armed, so the books must
+// come out exact (what was offered, delivered, coalesced, back-pressed, in which order).
+void RunScenario(ScenarioReport &report, bool strict);
+// What the orchestrators left behind: empty when nothing, else a reason (blocks of the module's
+// allocator, abstraction-layer instances, hash tables or blocks, descriptors opened, module
+// names, queue names). tableKept: a table whose release the platform refused keeps its blocks.
+std::string LeftBehind(int fdsOpened, uint32_t hashTablesBefore, bool tableKept);
+
+// The runners (sweep_runner.cpp). One run of the scenario in a child process (fork): prepare, arm, run, then the leak checks.
 struct ChildOutcome {
     enum Kind { Ok, Leak, Fault, Crash } kind = Crash;
     std::string detail;   // why, with the child's own diagnostics (sanitizer report, reasons)
