@@ -87,36 +87,32 @@ TEST_F(LifecycleTest, EveryCreationFailureGivesBackWhatItTook)
     }
 }
 
-TEST_F(LifecycleTest, AccessorsHandOnToTheInstance)
+using AccessorTest = rixtest::OrchTest;
+
+TEST_F(AccessorTest, AccessorsHandOnToTheInstance)
 {
-    ASOrchHandle *h = ASOrchCreate("DEMO", &para_);
-    ASSERT_NE(nullptr, h);
-    void *eal = h->ealHdl;
-    RIX_TEST_LogClear();
-    auto calls = [h] { return Rets{ASOrchInit(h), ASOrchStart(h), ASOrchTimerInit(h, 100u, 1u, 0u, 0u)}; };
+    auto calls = [this] { return Rets{ASOrchInit(h_), ASOrchStart(h_), ASOrchTimerInit(h_, 100u, 1u, 0u, 0u)}; };
     RIX_TEST_FailNth("RIX_TIMER_Create", 1u);
     EXPECT_EQ((Rets{0u, 0u, 1u}), calls());
-    h->ealHdl = nullptr;  // without an instance nothing reaches the layer
+    h_->ealHdl = nullptr;  // without an instance nothing reaches the layer
     EXPECT_EQ((Rets{1u, 1u, 1u}), calls());
-    h->ealHdl = eal;
-    ASOrchModInitOk(h);
+    h_->ealHdl = eal_;
+    ASOrchModInitOk(h_);
     EXPECT_EQ((Strings{"DEMO, Init Orch autosync ok", "DEMO, Start Orch autosync ok", "DEMO, auto sync timer init Fail",
                        "DEMO, Init Orch autosync Fail, ealHdl is Null", "DEMO, Start Orch autosync Fail, ealHdl is Null",
                        "DEMO, auto sync timer init Fail, ealHdl is NULL", "DEMO, Orch auto sync ModInitOk."}),
               Lines());
     EXPECT_EQ(1u, RIX_TEST_CallCount("RIX_TIMER_Create"));
-    EXPECT_EQ(1u, RIX_TEST_EalModInitOkCount(eal));
-    EXPECT_EQ(RIX_EAL_GetEpollFd(eal, 2u), ASOrchGetEpollFd(h, 2u));
+    EXPECT_EQ(1u, RIX_TEST_EalModInitOkCount(eal_));
+    EXPECT_EQ(RIX_EAL_GetEpollFd(eal_, 2u), ASOrchGetEpollFd(h_, 2u));
 
     uint32_t w0 = 0, w1 = 0;
-    EXPECT_EQ(0u, ASOrchSetOndemandParam(h, ASOrchOndemandPara{{4u, 9u}}));
-    EXPECT_EQ(1u, RIX_TEST_EalOndemand(eal, &w0, &w1));
-    EXPECT_EQ((Rets{4u, 9u, 4u}), (Rets{w0, w1, h->ondemandParam.word[0]}));
+    EXPECT_EQ(0u, ASOrchSetOndemandParam(h_, ASOrchOndemandPara{{4u, 9u}}));
+    EXPECT_EQ(1u, RIX_TEST_EalOndemand(eal_, &w0, &w1));
+    EXPECT_EQ((Rets{4u, 9u, 4u}), (Rets{w0, w1, h_->ondemandParam.word[0]}));
     const ASOrchSynGrpFlowCtrl fc = {{1u}};  // group 4 is past the last
-    EXPECT_EQ((Rets{1u, 1u, 1u}), (Rets{ASOrchAdvSetSynGrpFlowCtrl(h, 4u, &fc), ASOrchAdvSetSynGrpVerifyInterVal(h, 4u, 5u),
-                                        ASOrchAdvSetSynGrpNotifyFunc(h, 4u, nullptr)}));
-    ASOrchDestroy(h);
-    EXPECT_EQ(0, rixtest::LiveAllocations());
+    EXPECT_EQ((Rets{1u, 1u, 1u}), (Rets{ASOrchAdvSetSynGrpFlowCtrl(h_, 4u, &fc), ASOrchAdvSetSynGrpVerifyInterVal(h_, 4u, 5u),
+                                        ASOrchAdvSetSynGrpNotifyFunc(h_, 4u, nullptr)}));
 }
 
 TEST_F(LifecycleTest, LogLinesAreWrittenWholeOrNotAtAll)

@@ -1,5 +1,4 @@
 // The base registration pipeline on the stand-in platform.
-#include <set>
 #include <string>
 #include <vector>
 
@@ -25,43 +24,29 @@ Strings PipelineLines()
     return out;
 }
 
-class PipelineTest : public rixtest::PlatformTest {
+class PipelineTest : public rixtest::OrchTest {
 protected:
-    ASOrchHandle *Create()
-    {
-        SetUp();
-        ASOrchHandle *h = ASOrchCreate("DEMO", &para_);
-        RIX_TEST_LogClear();
-        return h;
-    }
-    // Destruction returns everything whatever the pipeline left.
-    void DestroyAndCheck(ASOrchHandle *h)
-    {
-        ASOrchDestroy(h);
-        EXPECT_EQ(0, rixtest::LiveAllocations()) << rixtest::DumpLines();
-        EXPECT_EQ(0u, RIX_TEST_EalLiveCount());
-        EXPECT_EQ(0u, AutoSyncNameExisted("DEMO"));
-    }
-    ASOrchCreatePara para_ = rixtest::CountingCreatePara();
     PipelineTest()
     {
         recv_.msgId = mergeMsg_.msgId = 0x100u;
         recv_.ipcSize = trans_.tblSize = 8u;
         trans_.tableId = 5u;
+        base_ = {.threadMask = 7u,
+                 .modStateRsp = {0x51u, 0x52u},
+                 .syncGrpMsgSet = {0x60u, 0u, 0u, 0x63u},
+                 .reservePort = {0x71u, 0x72u},
+                 .chanPort = {{5000u, 1u}, {5001u, 2u}, {5002u, 3u}, {5003u, 4u}},
+                 .recvTblMsg = {{&recv_, 1u}},
+                 .transTblMsg = {{}, {&trans_, 1u}},
+                 .mergeMque = {{&mergeMsg_, 1u, 64u, [](const void *) { return 0u; }, 100u, 10u}}};
     }
     ASOrchTblMsgRecvCtrl recv_{};
     ASOrchTblMsgTransCtrl trans_{};
     ASOrchMergeMsg mergeMsg_{};
-    ASOrchBasePara base_{.threadMask = 7u,
-                         .modStateRsp = {0x51u, 0x52u},
-                         .syncGrpMsgSet = {0x60u, 0u, 0u, 0x63u},
-                         .reservePort = {0x71u, 0x72u},
-                         .chanPort = {{5000u, 1u}, {5001u, 2u}, {5002u, 3u}, {5003u, 4u}},
-                         .recvTblMsg = {{&recv_, 1u}},
-                         .transTblMsg = {{}, {&trans_, 1u}},
-                         .mergeMque = {{&mergeMsg_, 1u, 64u, [](const void *) { return 0u; }, 100u, 10u}}};
 };
 
+// Platform refusals, and allocation failures (op null: the nth allocation of the pipeline, the
+// last one of the sync-group step, of the receive registry and of the merge queues).
 TEST_F(PipelineTest, StepsRunInOrderAndAFailingStepStopsThePipelineThere)
 {
     const struct {
@@ -72,14 +57,14 @@ TEST_F(PipelineTest, StepsRunInOrderAndAFailingStepStopsThePipelineThere)
     } cases[] = {{7, "", 0u, 7u}, {0, "", 0u, 6u},  // a complete record; no DATA thread
                  {0, "RIX_EAL_RegThread", 1u, 7u},        {1, "RIX_EAL_RegModStateRsp", 1u, 7u},
                  {2, "RIX_EAL_RegSyncGrpMsgSet", 2u, 7u}, {3, "RIX_EAL_ReservePort", 1u, 7u},
-                 {4, "RIX_EAL_RegUcChannel", 3u, 7u}};
+                 {4, "RIX_EAL_RegUcChannel", 3u, 7u},     {2, nullptr, 3u, 7u},
+                 {5, nullptr, 7u, 7u},                    {6, nullptr, 11u, 7u}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.step);
-        ASOrchHandle *h = Create();
-        ASSERT_NE(nullptr, h);
-        RIX_TEST_FailNth(c.op, c.nth);
+        Recreate();
+        c.op != nullptr ? RIX_TEST_FailNth(c.op, c.nth) : rixtest::FailAllocNth(c.nth);
         base_.threadMask = c.mask;
-        EXPECT_EQ(c.step < 7u ? 1u : 0u, ASOrchRegBase(h, &base_));
+        EXPECT_EQ(c.step < 7u ? 1u : 0u, ASOrchRegBase(h_, &base_));
         Strings want;
         for (size_t i = 0; i < c.step; ++i) {
             want.push_back(kOk + kStepNames[i] + " ok");
@@ -88,40 +73,13 @@ TEST_F(PipelineTest, StepsRunInOrderAndAFailingStepStopsThePipelineThere)
         EXPECT_EQ(want, PipelineLines()) << rixtest::DumpLines();
         uint32_t w0 = 0, w1 = 0;
         if (c.step == 7u) {
-            EXPECT_EQ(1u, RIX_TEST_EalModStateRsp(h->ealHdl, &w0, &w1));
-            EXPECT_EQ((Rets{3u, 0x51u, 0x52u, 2u, 4u}), (Rets{RIX_TEST_EalThreadCount(h->ealHdl), w0, w1,
-                                                             RIX_TEST_EalSyncGrpCount(h->ealHdl), RIX_TEST_EalChanCount(h->ealHdl)}));
+            EXPECT_EQ(1u, RIX_TEST_EalModStateRsp(eal_, &w0, &w1));
+            EXPECT_EQ((Rets{3u, 0x51u, 0x52u, 2u, 4u}), (Rets{RIX_TEST_EalThreadCount(eal_), w0, w1,
+                                                             RIX_TEST_EalSyncGrpCount(eal_), RIX_TEST_EalChanCount(eal_)}));
         }
-        DestroyAndCheck(h);
     }
     EXPECT_EQ(1u, ASOrchRegBase(nullptr, &base_));
     EXPECT_TRUE(rixtest::HasLine("Register Orch autosync base Fail, Param is Null"));
-}
-
-TEST_F(PipelineTest, EveryAllocationFailureLeavesAReleasableHandle)
-{
-    // Fail each allocation of the pipeline in turn until one run needs no more.
-    std::set<std::string> failedSteps;
-    bool allocFailed = true;
-    for (uint64_t n = 1; allocFailed && n < 200u; ++n) {
-        SCOPED_TRACE(n);
-        ASOrchHandle *h = Create();
-        ASSERT_NE(nullptr, h);
-        rixtest::FailAllocNth(n);
-        const uint32_t ret = ASOrchRegBase(h, &base_);
-        allocFailed = rixtest::GetAllocStats().failed != 0u;
-        rixtest::FailAllocNth(0);
-        const Strings lines = PipelineLines();
-        ASSERT_FALSE(lines.empty());
-        if (ret == 0u) {
-            EXPECT_EQ("DEMO, Orch autosync register base success", lines.back());
-        } else {
-            ASSERT_EQ(0u, lines.back().rfind(kFail, 0)) << lines.back();
-            failedSteps.insert(lines.back().substr(kFail.size()));
-        }
-        DestroyAndCheck(h);
-    }
-    EXPECT_EQ((std::set<std::string>{"SyncGroup fail", "TblMsg fail", "MergeMQue fail"}), failedSteps);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <numeric>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -41,47 +42,28 @@ uint32_t Record(int table, ASOrchMsgVec *v)
 }
 uint32_t ProcDam(ASOrchHandle *, ASOrchMsgVec *v) { return Record(0, v); }
 uint32_t ProcFes(ASOrchHandle *, ASOrchMsgVec *v) { return Record(1, v); }
-// The module's bucket hash: the stored copy names its orchestrator.
-template <uint32_t Chan>
-uint32_t Hash(const void *k)
-{
-    auto *v = static_cast<const ASOrchMsgVec *>(k);
-    return ASOrchMergeHashFunc(static_cast<ASOrchHandle *>(v->usrData), Chan, v);
-}
 
 // DAM serves 0x10 (all opTypes) and 0x11 (no opType 1); FES serves 0x20.
 ASOrchMergeMsg g_damMsgs[2] = {{0x10u, {ProcDam, ProcDam, ProcDam, ProcDam}},
                                {0x11u, {ProcDam, nullptr, ProcDam, ProcDam}}};
 ASOrchMergeMsg g_fesMsgs[1] = {{0x20u, {ProcFes, ProcFes, ProcFes, ProcFes}}};
 
-class MergeFlowTest : public rixtest::PlatformTest {
+class MergeFlowTest : public rixtest::OrchTest {
 protected:
+    MergeFlowTest() { name_ = "mflow"; }
     void SetUp() override
     {
-        PlatformTest::SetUp();
+        OrchTest::SetUp();
         g_calls.clear();
         g_procResult = 0;
-        std::memset(&base_, 0, sizeof(base_));
-        base_.mergeMque[0] = {g_damMsgs, 2u, 0u, Hash<0u>, 0u, 0u};
-        base_.mergeMque[1] = {g_fesMsgs, 1u, 64u, Hash<1u>, 0u, 0u};
-        const ASOrchCreatePara para = rixtest::CountingCreatePara();
-        handle_ = ASOrchCreate("mflow", &para);
-        ASSERT_NE(handle_, nullptr);
-        eal_ = ASOrchGetEalHdl(handle_);
-    }
-    void TearDown() override
-    {
-        if (handle_ != nullptr) {
-            ASOrchDestroy(handle_);
-        }
-        EXPECT_EQ(LiveAllocations(), 0);
-        PlatformTest::TearDown();
+        base_.mergeMque[0] = {g_damMsgs, 2u, 0u, rixtest::MergeHash<0u>, 0u, 0u};
+        base_.mergeMque[1] = {g_fesMsgs, 1u, 64u, rixtest::MergeHash<1u>, 0u, 0u};
     }
     uint32_t Write(uint32_t type, uint32_t msgId, uint32_t opType, uint32_t key, const char *data = "")
     {
         ASOrchMsgVec v{msgId, opType, &key, 4u, const_cast<char *>(data),
                        static_cast<uint32_t>(std::strlen(data)), 0u, nullptr};
-        return ASOrchMsgMerge(handle_, type, &v);
+        return ASOrchMsgMerge(h_, type, &v);
     }
     static std::vector<uint32_t> Keys()
     {
@@ -89,27 +71,23 @@ protected:
         std::transform(g_calls.begin(), g_calls.end(), std::back_inserter(out), [](const Call &c) { return c.key; });
         return out;
     }
-
-    ASOrchBasePara base_;
-    ASOrchHandle *handle_ = nullptr;
-    void *eal_ = nullptr;
 };
 
 TEST_F(MergeFlowTest, RegistrationNamesQueuesAndFailuresLeaveNoState)
 {
     const int64_t before = LiveAllocations();
-    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u) << DumpLines();
-    MergeQueCb *fes = ASOrchGetReaderHdl(handle_, 1u);
+    ASSERT_EQ(ASOrchRegMerge(h_, &base_), 0u) << DumpLines();
+    MergeQueCb *fes = ASOrchGetReaderHdl(h_, 1u);
     ASSERT_NE(fes, nullptr);
     EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_FES"), fes);
-    EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_DAM"), ASOrchGetReaderHdl(handle_, 0u));
+    EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_DAM"), ASOrchGetReaderHdl(h_, 0u));
     EXPECT_EQ(fes->para.hashSize, 64u);
-    EXPECT_EQ(handle_->mergeHandle[0].hashSize, 8192u);
+    EXPECT_EQ(h_->mergeHandle[0].hashSize, 8192u);
     EXPECT_EQ(fes->highWater - fes->lowWater, 65536u - 8192u);
     EXPECT_TRUE(HasLine("mflow, 1 Register Orch autosync FES MQUE Monitor ok")) << DumpLines();
-    ASOrchFreeMergeHandle(handle_);
+    ASOrchFreeMergeHandle(h_);
     EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_FES"), nullptr);
-    EXPECT_EQ(ASOrchGetReaderHdl(handle_, 0u), nullptr);
+    EXPECT_EQ(ASOrchGetReaderHdl(h_, 0u), nullptr);
     EXPECT_EQ(LiveAllocations(), before);
 
     // A duplicate msgId, a refused FES monitor (5000 is not above the default low mark 8192),
@@ -123,11 +101,11 @@ TEST_F(MergeFlowTest, RegistrationNamesQueuesAndFailuresLeaveNoState)
         if (i == 2) {
             RIX_TEST_FailNth("LITE_HASH_CreateWithLock", 1u);
         } else if (i == 3) {
-            ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+            ASSERT_EQ(ASOrchRegMerge(h_, &base_), 0u);
         }
-        EXPECT_EQ(ASOrchRegMerge(handle_, &base_), 1u) << i;
+        EXPECT_EQ(ASOrchRegMerge(h_, &base_), 1u) << i;
         EXPECT_TRUE(logs[i] == nullptr || HasLine(logs[i])) << logs[i] << DumpLines();
-        EXPECT_EQ(handle_->mergeHandle, nullptr);
+        EXPECT_EQ(h_->mergeHandle, nullptr);
         EXPECT_EQ(RIX_MergeQueNameTreeFind("mflow_DAM"), nullptr);
         EXPECT_EQ(LiveAllocations(), before);
     }
@@ -135,7 +113,7 @@ TEST_F(MergeFlowTest, RegistrationNamesQueuesAndFailuresLeaveNoState)
 
     // Only FES: DAM merge types fail silently.
     base_.mergeMque[0].hashFunc = nullptr;
-    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    ASSERT_EQ(ASOrchRegMerge(h_, &base_), 0u);
     const uint32_t lines = RIX_TEST_LogCount();
     EXPECT_EQ(Write(0u, 0x10u, 0u, 1u), 1u);
     EXPECT_EQ(Write(2u, 0x10u, 0u, 1u), 1u);
@@ -145,12 +123,12 @@ TEST_F(MergeFlowTest, RegistrationNamesQueuesAndFailuresLeaveNoState)
 
 TEST_F(MergeFlowTest, BurstIsMergedByRuleInQueueOrder)
 {
-    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    ASSERT_EQ(ASOrchRegMerge(h_, &base_), 0u);
     const int64_t idle = LiveAllocations();
     static char shared[] = "zz";
     uint32_t key4 = 4u;
     ASOrchMsgVec noData{0x10u, 0u, &key4, 4u, shared, 0u, 0u, nullptr};
-    EXPECT_EQ(ASOrchMsgMerge(handle_, 0u, &noData), 0u);
+    EXPECT_EQ(ASOrchMsgMerge(h_, 0u, &noData), 0u);
     // 1 then 0 gives 2 in place; 3 stays 3; on pending age information no rule applies.
     const std::tuple<uint32_t, uint32_t, const char *> burst[] = {
         {1, 1, "a"}, {2, 0, "b"}, {1, 0, "cc"}, {3, 0, "d"}, {3, 3, "e"}, {5, 1, "f"}, {5, 3, "g"}, {5, 1, "h"}};
@@ -184,9 +162,10 @@ TEST_F(MergeFlowTest, BurstIsMergedByRuleInQueueOrder)
     }
     RIX_TEST_LogClear();
     RIX_TEST_EalRunUntilIdle(eal_, 0u);
-    ASSERT_EQ(g_calls.size(), 70u);
-    EXPECT_EQ(g_calls[69].key, 69u);
-    EXPECT_EQ(g_calls[69].table, 1);
+    std::vector<uint32_t> firstArrival(70u);
+    std::iota(firstArrival.begin(), firstArrival.end(), 0u);
+    EXPECT_EQ(Keys(), firstArrival);
+    EXPECT_EQ(g_calls.back().table, 1);
     const std::vector<std::string> lines = rixtest::Lines();
     std::vector<std::string> counts;
     std::copy_if(lines.begin(), lines.end(), std::back_inserter(counts),
@@ -203,16 +182,16 @@ TEST_F(MergeFlowTest, ImmediateFailedHeldAndRefusedMessagesReleaseEverything)
     EXPECT_TRUE(HasLine("[mflow] from broker ipc msg dispatch proc failed! mergeHandle is NULL"));
     EXPECT_EQ(ASOrchMergeBackPress(nullptr, 0u), 0u);
     base_.mergeMque[1].hashFunc = nullptr;
-    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    ASSERT_EQ(ASOrchRegMerge(h_, &base_), 0u);
     // A back-pressed reader holds delivery until released; FES was never built.
-    EXPECT_EQ(ASOrchMergeBackPress(handle_, 1u), 1u);
-    EXPECT_EQ(ASOrchMergeUnBackPress(handle_, 7u), 1u);
-    EXPECT_EQ(ASOrchMergeBackPress(handle_, 0u), 0u);
+    EXPECT_EQ(ASOrchMergeBackPress(h_, 1u), 1u);
+    EXPECT_EQ(ASOrchMergeUnBackPress(h_, 7u), 1u);
+    EXPECT_EQ(ASOrchMergeBackPress(h_, 0u), 0u);
     Write(0u, 0x10u, 0u, 1u);
     RIX_TEST_EalRunUntilIdle(eal_, 0u);
     EXPECT_EQ(g_calls.size(), 0u);
-    EXPECT_EQ(ASOrchMergeUnBackPress(handle_, 0u), 0u);
-    EXPECT_EQ(ASOrchMergeUnBackPress(handle_, 0u), 1u);
+    EXPECT_EQ(ASOrchMergeUnBackPress(h_, 0u), 0u);
+    EXPECT_EQ(ASOrchMergeUnBackPress(h_, 0u), 1u);
     RIX_TEST_EalRunUntilIdle(eal_, 0u);
     EXPECT_EQ(g_calls.size(), 1u);
     const int64_t idle = LiveAllocations();
@@ -245,7 +224,7 @@ TEST_F(MergeFlowTest, ImmediateFailedHeldAndRefusedMessagesReleaseEverything)
     // Refused writes release their copy; an empty key allocates nothing.
     const uint64_t allocs = rixtest::GetAllocStats().allocs;
     ASOrchMsgVec empty{0x10u, 0u, nullptr, 0u, nullptr, 0u, 0u, nullptr};
-    EXPECT_EQ(ASOrchMsgMerge(handle_, 0u, &empty), 1u);
+    EXPECT_EQ(ASOrchMsgMerge(h_, 0u, &empty), 1u);
     EXPECT_EQ(rixtest::GetAllocStats().allocs, allocs);
     rixtest::FailAllocNth(1u);
     EXPECT_EQ(Write(0u, 0x10u, 0u, 1u), 1u);
@@ -260,9 +239,9 @@ TEST_F(MergeFlowTest, ImmediateFailedHeldAndRefusedMessagesReleaseEverything)
     uint32_t k1 = 1u, k3 = 3u;
     ASOrchSyncGrpData items[3] = {{&k1, 0u, 9u}, {nullptr, 0u, 9u}, {&k3, 0u, 9u}};
     ASOrchMsgVec vec{0x10u, 0u, nullptr, 4u, nullptr, 4u, 0u, nullptr};
-    ASOrchMergeSyncGrpDatas(0u, items, &vec, 0u, handle_);
+    ASOrchMergeSyncGrpDatas(0u, items, &vec, 0u, h_);
     EXPECT_EQ(items[0].result, 9u);
-    ASOrchMergeSyncGrpDatas(3u, items, &vec, 0u, handle_);
+    ASOrchMergeSyncGrpDatas(3u, items, &vec, 0u, h_);
     EXPECT_EQ(items[0].result, 0u);
     EXPECT_EQ(items[1].result, 0x10004u);
     EXPECT_EQ(items[2].result, 0u);
@@ -274,7 +253,7 @@ TEST_F(MergeFlowTest, ImmediateFailedHeldAndRefusedMessagesReleaseEverything)
 // delivered as it was, and every block goes back once.
 TEST_F(MergeFlowTest, AMergeWhoseCopyFailsKeepsThePendingRecordWhole)
 {
-    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    ASSERT_EQ(ASOrchRegMerge(h_, &base_), 0u);
     const int64_t idle = LiveAllocations();
     ASSERT_EQ(Write(0u, 0x10u, 0u, 7u, "old"), 0u);
     ASSERT_EQ(Write(0u, 0x10u, 0u, 8u, "x"), 0u);
@@ -300,7 +279,7 @@ TEST_F(MergeFlowTest, WaterMarksThrottleChannelOrSyncGroup)
 {
     base_.mergeMque[0].highWater = 3u;
     base_.mergeMque[0].lowWater = 2u;
-    ASSERT_EQ(ASOrchRegMerge(handle_, &base_), 0u);
+    ASSERT_EQ(ASOrchRegMerge(h_, &base_), 0u);
     const char *warn = "mflow, mb mque high water. suggest config syncGrp sync thread";
     auto burst = [&] {
         for (uint32_t k = 0; k < 4u; ++k) {
@@ -313,7 +292,7 @@ TEST_F(MergeFlowTest, WaterMarksThrottleChannelOrSyncGroup)
     EXPECT_TRUE(HasLine("Orch autosync MQUE monitor : 0, channelId 0."));
     RIX_TEST_EalRunUntilIdle(eal_, 0u);
     EXPECT_EQ(RIX_TEST_ChanBackPressed(eal_, 0u), 0u);
-    handle_->threadMask = 3u;  // with a SYNC thread only the back-press
+    h_->threadMask = 3u;  // with a SYNC thread only the back-press
     burst();
     EXPECT_EQ(RIX_TEST_ChanBackPressed(eal_, 0u), 1u);
     EXPECT_EQ(CountContaining(warn), 1u);
@@ -326,8 +305,8 @@ TEST_F(MergeFlowTest, WaterMarksThrottleChannelOrSyncGroup)
     EXPECT_TRUE(HasLine("mflow, Monitor LowWater sync groupid Fail"));
     base_.threadMask = 1u;
     base_.syncGrpMsgSet[0] = 1u;
-    ASSERT_EQ(ASOrchRegSyncGrpBase(handle_, &base_), 0u) << DumpLines();
-    const int32_t grp = ASOrchGetSyncGrpId(handle_, 0u);
+    ASSERT_EQ(ASOrchRegSyncGrpBase(h_, &base_), 0u) << DumpLines();
+    const int32_t grp = ASOrchGetSyncGrpId(h_, 0u);
     burst();
     EXPECT_EQ(RIX_TEST_EalSyncBackPressed(eal_, static_cast<uint32_t>(grp)), 1u);
     RIX_TEST_EalRunUntilIdle(eal_, 0u);
@@ -340,69 +319,14 @@ TEST_F(MergeFlowTest, StartedDataThreadDrainsWhatWasWritten)
     base_.threadMask = 1u;
     base_.syncGrpMsgSet[0] = 1u;
     base_.chanPort[0].realServerPort = 9000u;
-    ASSERT_EQ(ASOrchRegBase(handle_, &base_), 0u) << DumpLines();
+    ASSERT_EQ(ASOrchRegBase(h_, &base_), 0u) << DumpLines();
     for (uint32_t k = 0; k < 40u; ++k) {
         Write(k % 2u, k % 2u ? 0x20u : 0x10u, 0u, k);
     }
-    ASSERT_EQ(ASOrchInit(handle_), 0u);
-    ASSERT_EQ(ASOrchStart(handle_), 0u);
+    ASSERT_EQ(ASOrchInit(h_), 0u);
+    ASSERT_EQ(ASOrchStart(h_), 0u);
     ASSERT_EQ(RIX_TEST_EalWaitIdle(eal_, 0u, 5000u), 0u);
     EXPECT_EQ(g_calls.size(), 40u);
-}
-
-// Destruction while the DATA thread is still draining: whatever was not delivered is
-// released, nothing is delivered twice, and the drain never meets a freed queue.
-TEST_F(MergeFlowTest, DestroyDuringDrainReleasesTheRest)
-{
-    base_.threadMask = 1u;
-    base_.syncGrpMsgSet[0] = 1u;
-    base_.chanPort[0].realServerPort = 9000u;
-    ASSERT_EQ(ASOrchRegBase(handle_, &base_), 0u) << DumpLines();
-    constexpr uint32_t kPending = 3000u;
-    for (uint32_t k = 0; k < kPending; ++k) {
-        ASSERT_EQ(Write(0u, 0x10u, 0u, k, "payload"), 0u);
-    }
-    ASSERT_EQ(ASOrchInit(handle_), 0u);
-    ASSERT_EQ(ASOrchStart(handle_), 0u);
-    ASOrchDestroy(handle_);
-    handle_ = nullptr;
-    EXPECT_LE(g_calls.size(), kPending);
-    std::vector<uint32_t> keys = Keys();
-    for (size_t i = 0; i < keys.size(); ++i) {
-        ASSERT_EQ(keys[i], i) << "delivered out of order or twice";
-    }
-}
-
-// Every allocation of a registration-and-burst scenario fails once in turn: whatever
-// fails, destruction balances the allocator.
-TEST_F(MergeFlowTest, EveryAllocationFailureIsCleanedUp)
-{
-    ASOrchDestroy(handle_);
-    handle_ = nullptr;
-    for (uint64_t n = 1; n < 200u; ++n) {
-        rixtest::ResetAllocStats();
-        rixtest::FailAllocNth(n);
-        const ASOrchCreatePara para = rixtest::CountingCreatePara();
-        ASOrchHandle *h = ASOrchCreate("mflow", &para);
-        if (h != nullptr) {
-            ASOrchRegMerge(h, &base_);
-            for (uint32_t k = 0; k < 6u; ++k) {
-                uint32_t key = k % 4u;
-                ASOrchMsgVec v{0x10u, k % 2u, &key, 4u, &key, 4u, 0u, nullptr};
-                ASOrchMsgMerge(h, k % 4u, &v);
-            }
-            RIX_TEST_EalRunUntilIdle(ASOrchGetEalHdl(h), 0u);
-            ASOrchDestroy(h);
-        }
-        const bool hit = rixtest::GetAllocStats().failed != 0u;
-        rixtest::FailAllocNth(0u);
-        ASSERT_EQ(LiveAllocations(), 0) << "allocation " << n;
-        if (!hit) {
-            EXPECT_GT(n, 8u);
-            return;
-        }
-    }
-    FAIL() << "scenario never completed";
 }
 
 }  // namespace

@@ -1,23 +1,31 @@
 // Merge rules, key identity and the bucket hash of message vectors.
 #include <cstring>
 #include <random>
+#include <utility>
 
 #include "core/divisor.h"
 #include "test_support.h"
 
 namespace {
 
-TEST(MergeRulesTest, RuleTableCombinesOnlyItsOwnPairs)
+// What a module is handed when a record meets a pending one of its key: an arriving delete (1)
+// always stays a delete; an arriving set (0) stays a set after a set and becomes a
+// delete-then-set (2) after a delete or a delete-then-set. Any other pair has no rule and leaves
+// the result alone, also where its index lands in another pair's row, past the table, or wraps.
+TEST(MergeRulesTest, ADeleteWinsAndASetAfterADeleteBecomesDeleteThenSet)
 {
-    // {old, new, result}; result 99: refused and left untouched. (0,2) and (1,3) index into
-    // rows of other pairs; (3,0) runs past the table; a huge old opType wraps back to row 0.
-    const uint32_t cases[][3] = {{0, 0, 0},  {0, 1, 1},  {1, 0, 2},  {1, 1, 1},  {2, 0, 2},          {2, 1, 1},
-                                 {0, 2, 99}, {1, 3, 99}, {3, 0, 99}, {2, 2, 99}, {0x80000000u, 0, 99}};
-    for (const auto &c : cases) {
-        uint32_t out = 99u;
-        EXPECT_EQ(ASOrchGetMergeRule(c[0], c[1], &out), c[2] == 99u ? 1u : 0u) << c[0] << "," << c[1];
-        EXPECT_EQ(out, c[2]) << c[0] << "," << c[1];
+    uint32_t out = 99u;
+    for (uint32_t pending : {0u, 1u, 2u}) {
+        EXPECT_EQ(ASOrchGetMergeRule(pending, 1u, &out), 0u);
+        EXPECT_EQ(out, 1u) << pending;
+        EXPECT_EQ(ASOrchGetMergeRule(pending, 0u, &out), 0u);
+        EXPECT_EQ(out, pending == 0u ? 0u : 2u) << pending;
     }
+    out = 99u;
+    for (auto [pending, arriving] : {std::pair{0u, 2u}, {1u, 3u}, {3u, 0u}, {2u, 2u}, {0x80000000u, 0u}}) {
+        EXPECT_EQ(ASOrchGetMergeRule(pending, arriving, &out), 1u) << pending << "," << arriving;
+    }
+    EXPECT_EQ(out, 99u);
 }
 
 uint32_t NoHash(const void *) { return 0u; }

@@ -11,14 +11,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "records.h"
 #include "test_support.h"
 
 namespace {
+
+using rixtest::QueueBook;
+using rixtest::Rec;
 
 constexpr uint32_t kKeys = 512u;
 constexpr uint32_t kRecSize = 16u;
@@ -29,41 +32,8 @@ constexpr uint32_t kMsgAge[2] = {0x30003u, 0x30013u};  // handled by the module 
 constexpr uint32_t kMergeMsg[2] = {0x40001u, 0x40011u};
 constexpr uint32_t kHigh[2] = {48u, 32u}, kLow[2] = {8u, 4u};
 
-struct Rec {
-    uint32_t key, ver, state, check;
-};
-
-uint32_t Mix(uint32_t a, uint32_t b)
-{
-    uint32_t h = a * 0x9E3779B1u ^ (b + 0x7F4A7C15u + (a << 6) + (a >> 2));
-    h ^= h >> 15;
-    h *= 0x2C1B3C6Du;
-    return h ^ (h >> 12);
-}
-
-uint32_t Combine(uint32_t pending, uint32_t arriving)
-{
-    uint32_t merged = arriving;
-    if (arriving != 3u) {
-        (void)ASOrchGetMergeRule(pending, arriving, &merged);
-    }
-    return merged;
-}
-
-// The module's side, touched only on the DATA thread (writes and drains both run there)
-// until the main thread has seen the loop idle.
-struct QueueBook {
-    struct Pending {
-        uint32_t ver, op;
-        bool live;
-    };
-    Pending pending[kKeys] = {};
-    uint32_t lastVer[kKeys] = {};
-    uint32_t lastOp[kKeys] = {};
-    std::deque<uint32_t> order;  // pending keys, first arrival first
-    uint64_t offered = 0, delivered = 0, coalesced = 0, byOp[4] = {};
-};
-
+// The books are touched only on the DATA thread (writes and drains both run there) until
+// the main thread has seen the loop idle.
 struct Soak {
     ASOrchHandle *h = nullptr;
     QueueBook q[2];
@@ -84,61 +54,25 @@ uint32_t Delivered(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
 {
     const int c = v->msgId == kMergeMsg[0] ? 0 : v->msgId == kMergeMsg[1] ? 1 : -1;
     Rec r{};
-    if (h != g_soak->h || c < 0 || v->opType != slot || v->dataLen != kRecSize || v->keyLen != 4u ||
-        v->data == nullptr) {
-        Error("malformed vector");
+    std::string why = h != g_soak->h || c < 0 ? "msgId " + std::to_string(v->msgId) : rixtest::TakeRecord(v, slot, &r);
+    if (why.empty() && r.key >= kKeys) {
+        why = "key " + std::to_string(r.key) + " never offered";
+    }
+    if (!why.empty()) {
+        Error(why);
         return 1u;
     }
-    std::memcpy(&r, v->data, sizeof(r));
-    QueueBook &b = g_soak->q[c];
-    if (r.check != Mix(Mix(r.key, r.ver), r.state) || r.key >= kKeys) {
-        Error("corrupt record");
-        return 1u;
-    }
-    QueueBook::Pending &p = b.pending[r.key];
-    if (!p.live || b.order.empty() || b.order.front() != r.key) {
-        Error("key " + std::to_string(r.key) + " delivered out of first-arrival order or twice");
-        return 1u;
-    }
-    if (p.ver != r.ver || p.op != v->opType) {
-        Error("key " + std::to_string(r.key) + ": delivered version " + std::to_string(r.ver) + " op " +
-              std::to_string(v->opType) + ", expected " + std::to_string(p.ver) + " op " + std::to_string(p.op));
-    }
-    b.order.pop_front();
-    p.live = false;
-    b.lastVer[r.key] = r.ver;
-    b.lastOp[r.key] = v->opType;
-    ++b.delivered;
-    ++b.byOp[v->opType & 3u];
     g_soak->outstanding.fetch_sub(1);
+    if (why = g_soak->q[c].Deliver(r, v->opType, true); !why.empty()) {
+        Error(why);
+        return 1u;
+    }
     return 0u;
 }
 uint32_t Op0(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 0u); }
 uint32_t Op1(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 1u); }
 uint32_t Op2(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 2u); }
 uint32_t Op3(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 3u); }
-
-template <uint32_t Chan>
-uint32_t Hash(const void *k)
-{
-    auto *v = static_cast<const ASOrchMsgVec *>(k);
-    return ASOrchMergeHashFunc(static_cast<ASOrchHandle *>(v->usrData), Chan, v);
-}
-
-void Offer(QueueBook &b, const Rec &r, uint32_t op)
-{
-    ++b.offered;
-    QueueBook::Pending &p = b.pending[r.key];
-    if (p.live) {
-        ++b.coalesced;
-        g_soak->outstanding.fetch_sub(1);
-        p.ver = r.ver;
-        p.op = Combine(p.op, op);
-        return;
-    }
-    p = {r.ver, op, true};
-    b.order.push_back(r.key);
-}
 
 // The channels' receive function, on the DATA thread: books first, then the orchestrator.
 // Age information is the module's own: it goes into the merge path record by record.
@@ -152,7 +86,9 @@ void ChanRecv(void *, uint32_t chan, const void *msg, uint32_t len)
     for (uint32_t i = 0; i < n; ++i) {
         Rec r;
         std::memcpy(&r, recs + i * kRecSize, sizeof(r));
-        Offer(g_soak->q[chan], r, op);
+        if (g_soak->q[chan].Offer(r, op)) {
+            g_soak->outstanding.fetch_sub(1);
+        }
     }
     if (op == 3u) {
         for (uint32_t i = 0; i < n; ++i) {
@@ -202,8 +138,8 @@ TEST_F(SoakTest, EveryOfferComesOutOnceOrCoalescedInFirstArrivalOrder)
         msgs[c] = {kMergeMsg[c], {Op0, Op1, Op2, Op3}};
     }
     bp.recvTblMsg[0] = {recv, 4u};
-    bp.mergeMque[0] = {&msgs[0], 1u, 256u, Hash<0u>, kHigh[0], kLow[0]};
-    bp.mergeMque[1] = {&msgs[1], 1u, 256u, Hash<1u>, kHigh[1], kLow[1]};
+    bp.mergeMque[0] = {&msgs[0], 1u, 256u, rixtest::MergeHash<0u>, kHigh[0], kLow[0]};
+    bp.mergeMque[1] = {&msgs[1], 1u, 256u, rixtest::MergeHash<1u>, kHigh[1], kLow[1]};
     ASSERT_EQ(ASOrchRegBase(soak.h, &bp), 0u) << rixtest::DumpLines();
     void *eal = ASOrchGetEalHdl(soak.h);
     for (uint32_t c = 0; c < 2u; ++c) RIX_TEST_ChanSetRecv(eal, c, ChanRecv, nullptr);
@@ -237,7 +173,7 @@ TEST_F(SoakTest, EveryOfferComesOutOnceOrCoalescedInFirstArrivalOrder)
             const uint32_t key = static_cast<uint32_t>((uint64_t{u} * u / kKeys) * u / kKeys);  // cubic skew
             const uint32_t ver = ++offerVer[c * kKeys + key];
             const uint32_t state = rand32();
-            const Rec r{key, ver, state, Mix(Mix(key, ver), state)};
+            const Rec r = rixtest::Seal(key, ver, state);
             std::memcpy(body.data() + 8 + i * kRecSize, &r, kRecSize);
         }
         soak.outstanding.fetch_add(n);
@@ -282,7 +218,8 @@ TEST_F(SoakTest, EveryOfferComesOutOnceOrCoalescedInFirstArrivalOrder)
         coalesced += b.coalesced;
         for (int o = 0; o < 4; ++o) byOp[o] += b.byOp[o];
         for (uint32_t k = 0; k < kKeys; ++k) {
-            badKeys += b.lastVer[k] != offerVer[c * kKeys + k] || b.pending[k].live;
+            const auto last = b.lastVer.find(k);
+            badKeys += (last == b.lastVer.end() ? 0u : last->second) != offerVer[c * kKeys + k] || b.pending.count(k) != 0u;
         }
     }
     const uint64_t lost = total - delivered - coalesced;

@@ -70,29 +70,19 @@ ASOrchTblMsgTransReg g_dam[] = {{100, 8, nullptr, nullptr, 0xA1, TblProc}, {300,
                                 {400, 0, nullptr, nullptr, 0, TblProc},    {500, 4, nullptr, nullptr, 0, nullptr}};
 ASOrchTblMsgTransReg g_fes[] = {{200, 4, nullptr, nullptr, 0xB2, TblProc}, {600, 0, nullptr, nullptr, 0, nullptr}};
 
-class TransTest : public rixtest::PlatformTest {
+class TransTest : public rixtest::OrchTest {
 protected:
+    TransTest() { name_ = "tm"; }
     void SetUp() override
     {
-        PlatformTest::SetUp();
+        OrchTest::SetUp();
         g_tbl.clear();
         g_sm.clear();
         g_tblResult = 0;
-        const ASOrchCreatePara para = rixtest::CountingCreatePara();
-        handle_ = ASOrchCreate("tm", &para);
-        ASSERT_NE(handle_, nullptr);
-        ASOrchBasePara base{};
-        base.transTblMsg[0] = {g_dam, std::size(g_dam)};
-        base.transTblMsg[1] = {g_fes, std::size(g_fes)};
-        ASSERT_EQ(ASOrchRegTblMsg(handle_, &base), 0u);
+        base_.transTblMsg[0] = {g_dam, std::size(g_dam)};
+        base_.transTblMsg[1] = {g_fes, std::size(g_fes)};
+        ASSERT_EQ(ASOrchRegTblMsg(h_, &base_), 0u);
         RIX_TEST_LogClear();
-    }
-    void TearDown() override
-    {
-        ASOrchDestroy(handle_);
-        EXPECT_EQ(rixtest::LiveAllocations(), 0);
-        g_body.reset();
-        PlatformTest::TearDown();
     }
     // The body sits at the very end of a guarded buffer: one byte past it faults.
     uint32_t Send(const Bytes &body)
@@ -100,10 +90,8 @@ protected:
         g_body = std::make_unique<rixtest::GuardedBuffer>(body.size());
         std::memcpy(g_body->data(), body.data(), body.size());
         ASOrchMsg msg{g_body->data(), 0x7F7F7F75u, static_cast<uint32_t>(body.size())};
-        return ASOrchMsgProc(handle_, &msg);
+        return ASOrchMsgProc(h_, &msg);
     }
-
-    ASOrchHandle *handle_ = nullptr;
 };
 
 TEST_F(TransTest, EveryTlvTypeReachesItsConsumerByteForByte)
@@ -125,7 +113,7 @@ TEST_F(TransTest, EveryTlvTypeReachesItsConsumerByteForByte)
                        + Tlv(301, 5, W({7, 16, 301, 51, 16, 16, 301, 52, 191, 16, 301, 53}))  // 6
                        + Tlv(100, 19, {})                                // 7
                        + Tlv(100, 2, Bytes(6, 0x44));                    // 8: DAM single entry
-    ASSERT_EQ(ASOrchIncTransTblMsgVersion(handle_, 100, nullptr), 0u);
+    ASSERT_EQ(ASOrchIncTransTblMsgVersion(h_, 100, nullptr), 0u);
     ASSERT_EQ(Send(TransBody(area)), 0u) << rixtest::DumpLines();
 
     // Composite tables are handed whole, from their TLV header.
@@ -238,6 +226,41 @@ TEST_F(TransTest, MalformedLengthsStopTheWalkInsideTheBody)
     ASSERT_EQ(Send(TransBody(Tlv(100, 1, Bytes(9, 0)) + Tlv(300, 0, W({15, 20, 300, 1, 2})))), 0u);
     EXPECT_EQ(g_tbl.size(), 1u);
     EXPECT_EQ(RIX_TEST_EntryCount(), 1u);
+}
+
+// Straight to the smoothing entry: an item of a slot without a handler, a word shorter or
+// longer than its slot's size, or a header past what remains is refused before any callback;
+// the pid state entry point's result is not used.
+TEST_F(TransTest, SmoothItemsOfUnservedSlotsOrWrongLengthsAreRefusedUntouched)
+{
+    auto item = [this](uint32_t optType, uint32_t length, uint32_t slack, bool callbacks = true) {
+        rixtest::GuardedBuffer buf(length + slack);
+        std::memset(buf.data(), 0, buf.size());
+        const uint32_t hdr[3] = {optType, length, 9};
+        std::memcpy(buf.data(), hdr, length < sizeof(hdr) ? length : sizeof(hdr));
+        return ASOrchSmoothMsgProc(h_, reinterpret_cast<const ASOrchSmoothItem *>(buf.data()),
+                                   static_cast<int32_t>(length + slack), callbacks ? Pre : nullptr,
+                                   callbacks ? Proc : nullptr);
+    };
+    for (uint32_t op : {0u, 6u, 12u, 14u, 18u, 189u, 192u, 255u}) {
+        EXPECT_EQ(item(op, 16u, 4u), -1) << op;
+    }
+    EXPECT_EQ(item(7u, 8u, 0u), -1);  // not even a whole header
+    // LR class 2 (16 bytes) and vrf state (32 bytes): smoothProc takes the right length only.
+    for (auto [op, length] : {std::pair{17u, 16u}, {9u, 32u}}) {
+        EXPECT_EQ(item(op, length - 4u, 8u), -1) << op;
+        EXPECT_EQ(item(op, length + 4u, 0u), -1) << op;
+        EXPECT_EQ(item(op, length, 4u), 4) << op;
+    }
+    ASSERT_EQ(g_sm.size(), 2u);
+    EXPECT_EQ(std::make_tuple(std::get<0>(g_sm[0]), std::get<2>(g_sm[0]), std::get<4>(g_sm[0]).size()),
+              std::make_tuple('S', 17u, size_t{12}));
+    EXPECT_EQ(std::make_tuple(std::get<0>(g_sm[1]), std::get<2>(g_sm[1]), std::get<4>(g_sm[1]).size()),
+              std::make_tuple('S', 9u, size_t{72}));
+    EXPECT_EQ(RIX_TEST_EntryCount(), 0u);
+    RIX_TEST_FailNth("RIX_ENTRY_ProcPidState", 1);
+    EXPECT_EQ(item(15u, 20u, 0u, false), 0);
+    EXPECT_TRUE(rixtest::HasLine("tm, smooth state proc. tableId = 9, pidState = 0, srcPid = 0"));
 }
 
 }  // namespace

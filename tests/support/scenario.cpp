@@ -1,44 +1,21 @@
 #include "scenario.h"
 
-#include <dirent.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <deque>
-#include <map>
 #include <string>
 #include <vector>
 
+#include "records.h"
 #include "test_support.h"
 
 namespace rixtest {
 namespace {
 
-// ---- Records: key, version of the key, state, check word ----
+// ---- Records ----
 constexpr uint32_t kRecSize = 16u;
 constexpr uint32_t kKeySize = 4u;
-
-uint32_t Mix(uint32_t a, uint32_t b)
-{
-    uint32_t h = a * 0x9E3779B1u ^ (b + 0x7F4A7C15u + (a << 6) + (a >> 2));
-    h ^= h >> 15;
-    h *= 0x2C1B3C6Du;
-    return h ^ (h >> 12);
-}
-
-struct Rec {
-    uint32_t key, ver, state, check;
-};
 static_assert(sizeof(Rec) == kRecSize);
 
-Rec MakeRec(uint32_t key, uint32_t ver)
-{
-    const uint32_t state = Mix(key, ver);
-    return {key, ver, state, Mix(Mix(key, ver), state)};
-}
+Rec MakeRec(uint32_t key, uint32_t ver) { return Seal(key, ver, Mix(key, ver)); }
 
 uint32_t Rd32(const void *p)
 {
@@ -48,21 +25,20 @@ uint32_t Rd32(const void *p)
 }
 
 using Bytes = std::vector<uint8_t>;
-void Put32(Bytes &b, uint32_t v)
+void Put32(Bytes &b, std::initializer_list<uint32_t> words)
 {
-    const auto *p = reinterpret_cast<const uint8_t *>(&v);
-    b.insert(b.end(), p, p + 4);
+    for (uint32_t v : words) {
+        const auto *p = reinterpret_cast<const uint8_t *>(&v);
+        b.insert(b.end(), p, p + 4);
+    }
 }
-void PutRec(Bytes &b, const Rec &r)
-{
-    for (uint32_t w : {r.key, r.ver, r.state, r.check}) Put32(b, w);
-}
+void PutRec(Bytes &b, const Rec &r) { Put32(b, {r.key, r.ver, r.state, r.check}); }
 
 // ---- Ids ----
 constexpr uint32_t kMsgRouteAdd = 0x10001u;  // DAM, plain, merged
 constexpr uint32_t kMsgRouteDel = 0x10002u;  // DAM, plain, merged as deletes
 constexpr uint32_t kMsgArp = 0x10003u;       // processed at once in the DAM table
-constexpr uint32_t kMsgNhp = 0x10011u;       // FES, serially packed, merged
+constexpr uint32_t kMsgNhp = 0x10011u;       // FES, serially packed, merged moving behind
 constexpr uint32_t kMsgFesNow = 0x10012u;    // processed at once in the FES table
 constexpr uint32_t kMsgStats = 0x10021u;     // the module's own function, whole run
 constexpr uint32_t kMmDam = 0x20001u, kMmArp = 0x20003u, kMmFes = 0x20011u, kMmFesNow = 0x20012u;
@@ -73,39 +49,6 @@ constexpr uint32_t kTransTables = 0x7F7F7F71u, kTransSmooth = 0x7F7F7F72u;
 constexpr uint32_t kEntry = 16u;
 
 // ---- The books, shared with the callbacks ----
-uint32_t Combine(uint32_t pending, uint32_t arriving)
-{
-    uint32_t merged = arriving;
-    if (arriving != 3u) {
-        (void)ASOrchGetMergeRule(pending, arriving, &merged);
-    }
-    return merged;
-}
-
-// One merge queue of one orchestrator, seen from the module.
-struct QueueBook {
-    struct Pending {
-        uint32_t ver, op;
-    };
-    std::deque<uint32_t> order;  // pending keys, first arrival first
-    std::map<uint32_t, Pending> pending;
-    std::map<uint32_t, uint32_t> lastVer;  // last delivered version per key
-    uint32_t offered = 0, coalesced = 0, delivered = 0;
-
-    void Offer(const Rec &r, uint32_t op)
-    {
-        ++offered;
-        auto it = pending.find(r.key);
-        if (it != pending.end()) {
-            ++coalesced;
-            it->second = {r.ver, Combine(it->second.op, op)};
-            return;
-        }
-        pending[r.key] = {r.ver, op};
-        order.push_back(r.key);
-    }
-};
-
 struct Books {
     ScenarioReport *report = nullptr;
     bool strict = false;
@@ -135,26 +78,13 @@ uint32_t Checked(const char *call, uint32_t r)
     return r;
 }
 
-int OrchIndex(ASOrchHandle *h)
-{
-    if (h != nullptr && h == g_books.mod) {
-        return g_books.modGone ? -2 : 0;
-    }
-    if (h != nullptr && h == g_books.peer) {
-        return g_books.peerGone ? -2 : 1;
-    }
-    return -1;
-}
-
+// A callback of a live orchestrator of the scenario: *idx 0 for the mb role, 1 for the peer.
 bool CheckedCallback(ASOrchHandle *h, const char *what, int *idx)
 {
-    *idx = OrchIndex(h);
-    if (*idx == -2) {
-        Fault(std::string(what) + " called after ASOrchDestroy returned");
-        return false;
-    }
-    if (*idx < 0) {
-        Fault(std::string(what) + " called with an unknown handle");
+    *idx = h == nullptr ? -1 : h == g_books.mod ? 0 : h == g_books.peer ? 1 : -1;
+    if (*idx < 0 || (*idx == 0 ? g_books.modGone : g_books.peerGone)) {
+        Fault(std::string(what) +
+              (*idx < 0 ? " called with an unknown handle" : " called after ASOrchDestroy returned"));
         return false;
     }
     return true;
@@ -168,39 +98,12 @@ uint32_t Merged(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
     }
     const int q = v->msgId == kMmDam ? 0 : v->msgId == kMmFes ? 1 : -1;
     Rec r{};
-    if (q < 0 || v->opType != slot || v->keyLen != kKeySize || v->dataLen != kRecSize || v->key == nullptr ||
-        v->data == nullptr) {
-        Fault("malformed vector msgId " + std::to_string(v->msgId) + " opType " + std::to_string(v->opType));
+    if (const std::string why = q < 0 ? "msgId " + std::to_string(v->msgId) : TakeRecord(v, slot, &r); !why.empty()) {
+        Fault(why);
         return 1u;
     }
-    std::memcpy(&r, v->data, sizeof(r));
-    if (r.check != Mix(Mix(r.key, r.ver), r.state) || Rd32(v->key) != r.key) {
-        Fault("corrupt record delivered, key " + std::to_string(Rd32(v->key)));
-        return 1u;
-    }
-    QueueBook &b = g_books.queues[o][q];
-    auto last = b.lastVer.find(r.key);
-    if (last != b.lastVer.end() && r.ver <= last->second) {
-        Fault("key " + std::to_string(r.key) + " delivered twice or out of order: version " + std::to_string(r.ver) +
-              " after " + std::to_string(last->second));
-    }
-    b.lastVer[r.key] = r.ver;
-    ++b.delivered;
-    if (g_books.strict) {
-        auto p = b.pending.find(r.key);
-        if (p == b.pending.end() || b.order.empty() || b.order.front() != r.key) {
-            Fault("key " + std::to_string(r.key) + " delivered out of first-arrival order");
-        } else if (p->second.ver != r.ver || p->second.op != v->opType) {
-            Fault("key " + std::to_string(r.key) + " delivered version " + std::to_string(r.ver) + " op " +
-                  std::to_string(v->opType) + ", last offered " + std::to_string(p->second.ver) + " op " +
-                  std::to_string(p->second.op));
-        }
-        if (p != b.pending.end()) {
-            b.pending.erase(p);
-        }
-        if (!b.order.empty() && b.order.front() == r.key) {
-            b.order.pop_front();
-        }
+    if (const std::string why = g_books.queues[o][q].Deliver(r, v->opType, g_books.strict); !why.empty()) {
+        Fault(why);
     }
     // What comes out is synced on: the mb role to the other orchestrator, the other back.
     uint8_t item[4 + kRecSize];
@@ -227,7 +130,7 @@ uint32_t Immediate(ASOrchHandle *h, ASOrchMsgVec *v)
         return 1u;
     }
     std::memcpy(&r, v->data, sizeof(r));
-    if (r.check != Mix(Mix(r.key, r.ver), r.state)) {
+    if (!Intact(r)) {
         Fault("corrupt immediate record");
     }
     ++g_books.immediate;
@@ -258,16 +161,8 @@ uint32_t TableProc(ASOrchHandle *h, void *tables, uint32_t nums, uint32_t tblSiz
     return 0u;
 }
 
-uint32_t SmoothPre(uint32_t, uint32_t, void *, uint32_t)
-{
-    ++g_books.smoothPre;
-    return 0u;
-}
-uint32_t SmoothOwn(uint32_t, uint32_t, void *, uint32_t)
-{
-    ++g_books.smoothOwn;
-    return 0u;
-}
+uint32_t SmoothPre(uint32_t, uint32_t, void *, uint32_t) { return ++g_books.smoothPre, 0u; }
+uint32_t SmoothOwn(uint32_t, uint32_t, void *, uint32_t) { return ++g_books.smoothOwn, 0u; }
 
 // Serial form: {msgId, count} {opType, 0} then records; the result points into the body.
 void Unpack(void *data, uint32_t len, ASOrchUnpackResult *res, ASOrchMsg *)
@@ -282,13 +177,6 @@ void UnpackFree(ASOrchUnpackResult *) { ++g_books.unpackFrees; }
 void Notify() {}
 
 void TimerTick(uintptr_t) { Fault("the timer came due"); }
-
-template <uint32_t Chan>
-uint32_t Hash(const void *k)
-{
-    auto *v = static_cast<const ASOrchMsgVec *>(k);
-    return ASOrchMergeHashFunc(static_cast<ASOrchHandle *>(v->usrData), Chan, v);
-}
 
 void CollectSync(void *, uint32_t grpId, const RIX_EAL_SyncItem *items, uint32_t count)
 {
@@ -346,7 +234,7 @@ ASOrchBasePara Base(Regs &r, bool mb)
     r.recv0[0] = Recv(kMmDam, kMsgRouteAdd, 0u);
     r.recv0[1] = Recv(kMmDam, kMsgRouteDel, 0u, 1u);
     r.recv0[2] = Recv(kMmArp, kMsgArp, 4u);
-    r.recv0[3] = Recv(kMmFes, kMsgNhp, 1u);
+    r.recv0[3] = Recv(kMmFes, kMsgNhp, 3u);  // FES, an update moves behind the others
     r.recv0[3].opType = kNhpOpType;
     r.recv0[3].unpackFunc = Unpack;
     r.recv0[3].unpackFreeFunc = UnpackFree;
@@ -366,8 +254,8 @@ ASOrchBasePara Base(Regs &r, bool mb)
     r.fes[0] = {kMmFes, {Merged0, Merged1, Merged2, Merged3}};
     r.fes[1] = {kMmFesNow, {Immediate, nullptr, nullptr, nullptr}};
     // Water marks low enough that a handful of records passes them.
-    bp.mergeMque[0] = {r.dam, 2u, 64u, Hash<0u>, 4u, 2u};
-    bp.mergeMque[1] = {r.fes, 2u, 32u, Hash<1u>, 3u, 1u};
+    bp.mergeMque[0] = {r.dam, 2u, 64u, MergeHash<0u>, 4u, 2u};
+    bp.mergeMque[1] = {r.fes, 2u, 32u, MergeHash<1u>, 3u, 1u};
     return bp;
 }
 
@@ -412,62 +300,41 @@ uint32_t Send(ASOrchHandle *h, uint32_t msgId, Bytes body)
     return Checked("ASOrchMsgProc", ASOrchMsgProc(h, &msg));
 }
 
-// A plain body of keyed records into the DAM queue; the book is kept before the write.
-void SendRoutes(ASOrchHandle *h, uint32_t msgId, std::initializer_list<uint32_t> keys)
+// Keyed records: routes into the DAM queue (a plain body, deletes as opType 1), next hops
+// into FES (serial, an update moves behind). The book is kept before the write.
+void SendKeyed(ASOrchHandle *h, uint32_t msgId, std::initializer_list<uint32_t> keys)
 {
+    const uint32_t q = msgId == kMsgNhp ? 1u : 0u;
     Bytes b;
-    Put32(b, msgId);
-    Put32(b, static_cast<uint32_t>(keys.size()));
+    Put32(b, {msgId, static_cast<uint32_t>(keys.size())});
+    if (q == 1u) {
+        Put32(b, {kNhpOpType, 0u});
+    }
     for (uint32_t k : keys) {
-        const Rec r = Next(0u, k);
+        const Rec r = Next(q, k);
         PutRec(b, r);
-        g_books.queues[0][0].Offer(r, msgId == kMsgRouteDel ? 1u : 0u);
+        g_books.queues[0][q].Offer(r, msgId == kMsgRouteDel ? 1u : 0u, q == 1u);
     }
     Send(h, msgId, b);
-}
-
-void SendNextHops(ASOrchHandle *h, std::initializer_list<uint32_t> keys)
-{
-    Bytes b;
-    Put32(b, kMsgNhp);
-    Put32(b, static_cast<uint32_t>(keys.size()));
-    Put32(b, kNhpOpType);
-    Put32(b, 0u);
-    for (uint32_t k : keys) {
-        const Rec r = Next(1u, k);
-        PutRec(b, r);
-        g_books.queues[0][1].Offer(r, 0u);
-    }
-    Send(h, kMsgNhp, b);
 }
 
 void SendUnkeyed(ASOrchHandle *h, uint32_t msgId, uint32_t n)
 {
     Bytes b;
-    Put32(b, msgId);
-    Put32(b, n);
+    Put32(b, {msgId, n});
     for (uint32_t i = 0; i < n; ++i) PutRec(b, MakeRec(1000u + i, 1u));
     Send(h, msgId, b);
 }
 
-void PutTlv(Bytes &b, uint32_t tableId, uint32_t type, uint32_t len)
-{
-    Put32(b, tableId);
-    Put32(b, type);
-    Put32(b, len);
-}
-
 void PutEntries(Bytes &b, uint32_t n, uint32_t size)
 {
-    for (uint32_t i = 0; i < n * size / 4u; ++i) Put32(b, Mix(i, size));
+    for (uint32_t i = 0; i < n * size / 4u; ++i) Put32(b, {Mix(i, size)});
 }
 
 Bytes Trans(uint32_t msgId, uint32_t tlvs, const Bytes &area)
 {
     Bytes b;
-    Put32(b, msgId);
-    Put32(b, tlvs);
-    Put32(b, static_cast<uint32_t>(area.size()));
+    Put32(b, {msgId, tlvs, static_cast<uint32_t>(area.size())});
     b.insert(b.end(), area.begin(), area.end());
     return b;
 }
@@ -476,45 +343,38 @@ Bytes Trans(uint32_t msgId, uint32_t tlvs, const Bytes &area)
 void SendTables(ASOrchHandle *h)
 {
     Bytes a;
-    PutTlv(a, kTblDam, 1u, 3u * kEntry);
+    Put32(a, {kTblDam, 1u, 3u * kEntry});
     PutEntries(a, 3u, kEntry);
-    PutTlv(a, kTblFes, 1u, 8u + 2u * kEntry);
-    Put32(a, 0u);
-    Put32(a, 2u * kEntry);
+    Put32(a, {kTblFes, 1u, 8u + 2u * kEntry});
+    Put32(a, {0u, 2u * kEntry});
     PutEntries(a, 2u, kEntry);
-    PutTlv(a, kTblComp, 18u, 2u * kEntry);
+    Put32(a, {kTblComp, 18u, 2u * kEntry});
     PutEntries(a, 2u, kEntry);
     Send(h, kTransTables, Trans(kTransTables, 3u, a));
 }
 
 void PutItem(Bytes &b, uint32_t type, uint32_t len, uint32_t tableId)
 {
-    Put32(b, type);
-    Put32(b, len);
-    Put32(b, tableId);
-    for (uint32_t off = 12u; off < len; off += 4u) Put32(b, Mix(type, off));
+    Put32(b, {type, len, tableId});
+    for (uint32_t off = 12u; off < len; off += 4u) Put32(b, {Mix(type, off)});
 }
 
 // Smoothing for the platform's entry points (pre-callback) and for the module's own.
 void SendSmoothing(ASOrchHandle *h)
 {
-    Bytes plat, own, a;
-    PutItem(plat, ASORCH_SMOOTH_CLASS_BEGIN, 16u, kTblSmoothPlat);
-    PutItem(plat, ASORCH_SMOOTH_PID_STATE, 20u, kTblSmoothPlat);
-    PutItem(plat, ASORCH_SMOOTH_VRF_STATE, 32u, kTblSmoothPlat);
-    PutItem(plat, ASORCH_SMOOTH_VRF_DATA_BEGIN, 28u, kTblSmoothPlat);
-    PutItem(plat, ASORCH_SMOOTH_VRF_DATA_END, 28u, kTblSmoothPlat);
-    PutItem(plat, ASORCH_SMOOTH_CLASS_END, 16u, kTblSmoothPlat);
-    PutItem(plat, ASORCH_SMOOTH_DAM_CLASS, 16u, kTblSmoothPlat);
-    PutItem(own, ASORCH_SMOOTH_CLASS_BEGIN, 16u, kTblSmoothOwn);
-    PutItem(own, ASORCH_SMOOTH_LR_CLASS, 16u, kTblSmoothOwn);
-    PutItem(own, ASORCH_SMOOTH_LR_CLASS2, 16u, kTblSmoothOwn);
-    PutItem(own, ASORCH_SMOOTH_DAM_CLASS2, 16u, kTblSmoothOwn);
-    PutItem(own, ASORCH_SMOOTH_CLASS_END, 16u, kTblSmoothOwn);
-    PutTlv(a, kTblSmoothPlat, 5u, static_cast<uint32_t>(plat.size()));
-    a.insert(a.end(), plat.begin(), plat.end());
-    PutTlv(a, kTblSmoothOwn, 6u, static_cast<uint32_t>(own.size()));
-    a.insert(a.end(), own.begin(), own.end());
+    const std::pair<uint32_t, uint32_t> plat[] = {
+        {ASORCH_SMOOTH_CLASS_BEGIN, 16u},    {ASORCH_SMOOTH_PID_STATE, 20u},    {ASORCH_SMOOTH_VRF_STATE, 32u},
+        {ASORCH_SMOOTH_VRF_DATA_BEGIN, 28u}, {ASORCH_SMOOTH_VRF_DATA_END, 28u}, {ASORCH_SMOOTH_CLASS_END, 16u},
+        {ASORCH_SMOOTH_DAM_CLASS, 16u}};
+    const uint32_t own[] = {ASORCH_SMOOTH_CLASS_BEGIN, ASORCH_SMOOTH_LR_CLASS, ASORCH_SMOOTH_LR_CLASS2,
+                            ASORCH_SMOOTH_DAM_CLASS2, ASORCH_SMOOTH_CLASS_END};
+    Bytes p, o, a;
+    for (const auto &[type, len] : plat) PutItem(p, type, len, kTblSmoothPlat);
+    for (uint32_t type : own) PutItem(o, type, 16u, kTblSmoothOwn);
+    Put32(a, {kTblSmoothPlat, 5u, static_cast<uint32_t>(p.size())});
+    a.insert(a.end(), p.begin(), p.end());
+    Put32(a, {kTblSmoothOwn, 6u, static_cast<uint32_t>(o.size())});
+    a.insert(a.end(), o.begin(), o.end());
     Send(h, kTransSmooth, Trans(kTransSmooth, 2u, a));
 }
 
@@ -563,19 +423,7 @@ void Expect(bool ok, const std::string &what)
     }
 }
 
-uint32_t Presses(void *eal, uint32_t chan, uint32_t *releases)
-{
-    return RIX_TEST_ChanBackPressCount(eal, chan, releases);
-}
-
 }  // namespace
-
-void PrepareScenario()
-{
-    RIX_TEST_Reset();
-    RIX_TEST_LogCapture(1);
-    ResetAllocStats();
-}
 
 void RunScenario(ScenarioReport &report, bool strict)
 {
@@ -597,10 +445,10 @@ void RunScenario(ScenarioReport &report, bool strict)
         void *eal = ASOrchGetEalHdl(mod);
         RIX_TEST_EalSetSyncPeer(eal, CollectSync, nullptr);
         // Past both high water marks: key 1 twice (coalesced), then deletes over pending adds.
-        SendRoutes(mod, kMsgRouteAdd, {0u, 1u, 2u, 1u, 3u, 4u, 5u});
-        SendRoutes(mod, kMsgRouteDel, {2u, 6u});
+        SendKeyed(mod, kMsgRouteAdd, {0u, 1u, 2u, 1u, 3u, 4u, 5u});
+        SendKeyed(mod, kMsgRouteDel, {2u, 6u});
         OfferAgeInfo(mod, 3u);
-        SendNextHops(mod, {0u, 1u, 2u, 0u, 3u});
+        SendKeyed(mod, kMsgNhp, {0u, 1u, 2u, 0u, 3u});
         Expect(RIX_TEST_ChanBackPressed(eal, 0u) == 1u && RIX_TEST_ChanBackPressed(eal, 1u) == 1u,
                "channels not back-pressed above the high water marks");
         SendUnkeyed(mod, kMsgArp, 2u);
@@ -615,8 +463,8 @@ void RunScenario(ScenarioReport &report, bool strict)
         Expect(RIX_TEST_ChanBackPressed(eal, 0u) == 0u && RIX_TEST_ChanBackPressed(eal, 1u) == 0u,
                "channels still back-pressed after the drain");
         // Left pending for destroy: a route after the drain.
-        SendRoutes(mod, kMsgRouteAdd, {7u});
-        for (uint32_t c = 0; c < 2u; ++c) chanPress[c] = Presses(eal, c, &chanRelease[c]);
+        SendKeyed(mod, kMsgRouteAdd, {7u});
+        for (uint32_t c = 0; c < 2u; ++c) chanPress[c] = RIX_TEST_ChanBackPressCount(eal, c, &chanRelease[c]);
     }
     if (peerReg) {
         FeedPeer(peer);
@@ -663,31 +511,14 @@ void RunScenario(ScenarioReport &report, bool strict)
     g_books.modGone = true;
     ASOrchDestroy(peer);
     g_books.peerGone = true;
+    // The pending route is dropped, and an operator is told.
+    Expect(RIX_TEST_LogFind("[RIX_MERGE_QUE Destory] SWEEPMB_DAM reader list is not empty!") == 1u &&
+               RIX_TEST_LogFind("reader list is not empty!") == 1u,
+           "destroy did not report the queue it dropped records from");
     g_books.report = nullptr;
-    if (strict) {
-        // The pending route is dropped, and an operator is told.
-        Expect(RIX_TEST_LogFind("[RIX_MERGE_QUE Destory] SWEEPMB_DAM reader list is not empty!") == 1u &&
-                   RIX_TEST_LogFind("reader list is not empty!") == 1u,
-               "destroy did not report the queue it dropped records from");
-    }
 }
 
-int FdCount()
-{
-    int n = 0;
-    DIR *d = opendir("/proc/self/fd");
-    if (d == nullptr) {
-        return -1;
-    }
-    while (readdir(d) != nullptr) {
-        ++n;
-    }
-    closedir(d);
-    return n;
-}
-
-// A table whose release the platform refused keeps its blocks: with one, they may stay too.
-std::string LeftBehind(int fdsBefore, uint32_t hashTablesBefore, bool tableKept)
+std::string LeftBehind(int fdsOpened, uint32_t hashTablesBefore, bool tableKept)
 {
     std::string out;
     auto add = [&out](bool bad, const std::string &what) {
@@ -702,139 +533,12 @@ std::string LeftBehind(int fdsBefore, uint32_t hashTablesBefore, bool tableKept)
     add(RIX_TEST_HashTableCount() != hashTablesBefore,
         std::to_string(RIX_TEST_HashTableCount() - hashTablesBefore) + " hash tables");
     add(RIX_TEST_HashBlocksInUse() != 0u && !tableKept, std::to_string(RIX_TEST_HashBlocksInUse()) + " hash blocks");
-    const int fds = FdCount();
-    add(fds != fdsBefore, std::to_string(fds - fdsBefore) + " descriptors");
+    add(fdsOpened != 0, std::to_string(fdsOpened) + " descriptors");
     add(g_AutoSyncCtrlBlkNameHead.count != 0u, std::to_string(g_AutoSyncCtrlBlkNameHead.count) + " module names");
     for (const char *q : {"SWEEPMB_DAM", "SWEEPMB_FES", "SWEEPPEER_DAM", "SWEEPPEER_FES"}) {
         add(RIX_MergeQueNameTreeFind(q) != nullptr, std::string("queue name ") + q);
     }
     return out;
-}
-
-namespace {
-
-std::string ReadAll(int fd)
-{
-    std::string out;
-    char buf[4096];
-    (void)lseek(fd, 0, SEEK_SET);
-    for (ssize_t n; (n = read(fd, buf, sizeof(buf))) > 0;) {
-        out.append(buf, static_cast<size_t>(n));
-    }
-    return out;
-}
-
-enum ChildExit { kExitOk = 0, kExitLeak = 70, kExitFault = 71 };
-
-}  // namespace
-
-ChildOutcome RunScenarioInChild(const std::function<void()> &arm, bool strict,
-                                const std::function<std::string()> &payload, uint32_t tablesKept)
-{
-    ChildOutcome out;
-    std::FILE *err = std::tmpfile();
-    std::FILE *pay = std::tmpfile();
-    if (err == nullptr || pay == nullptr) {
-        out.detail = "no temporary file";
-        return out;
-    }
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fileno(err), 2);
-        alarm(60);  // a hang is reported as a crash by SIGALRM
-        PrepareScenario();
-        const int fds = FdCount();
-        const uint32_t tables = RIX_TEST_HashTableCount();
-        arm();
-        ScenarioReport report;
-        RunScenario(report, strict);
-        std::string text = payload ? payload() : std::string();
-        const std::vector<std::string> lines = Lines();
-        RIX_TEST_Reset();  // nothing armed during the checks; drops the captured lines
-        const std::string left = LeftBehind(fds, tables + tablesKept, tablesKept != 0u);
-        int code = kExitOk;
-        for (const std::string &f : report.faults) {
-            std::fprintf(stderr, "fault: %s\n", f.c_str());
-            code = kExitFault;
-        }
-        if (::testing::Test::HasFailure()) {
-            std::fprintf(stderr, "fault: a check of the test support failed (block freed twice?)\n");
-            code = kExitFault;
-        }
-        if (!left.empty()) {
-            std::fprintf(stderr, "left behind: %s\n", left.c_str());
-            code = code == kExitOk ? kExitLeak : code;
-        }
-        if (code != kExitOk) {
-            // The orchestrators' own lines tell where the failure went in.
-            uint32_t shown = 0;
-            for (const std::string &l : lines) {
-                if ((l.find("ail") != std::string::npos || l.find("rror") != std::string::npos) && ++shown <= 10u) {
-                    std::fprintf(stderr, "  log: %s\n", l.c_str());
-                }
-            }
-        }
-        std::fputs(text.c_str(), pay);
-        std::fflush(nullptr);
-        _exit(code);
-    }
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid) {
-        out.detail = "fork or wait failed";
-    } else if (WIFEXITED(status) && WEXITSTATUS(status) == kExitOk) {
-        out.kind = ChildOutcome::Ok;
-    } else if (WIFEXITED(status) && WEXITSTATUS(status) == kExitLeak) {
-        out.kind = ChildOutcome::Leak;
-    } else if (WIFEXITED(status) && WEXITSTATUS(status) == kExitFault) {
-        out.kind = ChildOutcome::Fault;
-    } else {
-        out.kind = ChildOutcome::Crash;
-        out.detail = WIFSIGNALED(status) ? "killed by signal " + std::to_string(WTERMSIG(status)) + "\n"
-                                         : "exit status " + std::to_string(WEXITSTATUS(status)) + "\n";
-    }
-    out.detail += ReadAll(fileno(err));
-    out.payload = ReadAll(fileno(pay));
-    std::fclose(err);
-    std::fclose(pay);
-    return out;
-}
-
-int RunScenarioHere(const std::function<void()> &arm)
-{
-    PrepareScenario();
-    const int fds = FdCount();
-    const uint32_t tables = RIX_TEST_HashTableCount();
-    arm();
-    ScenarioReport report;
-    RunScenario(report, false);
-    for (const std::string &f : report.faults) {
-        std::printf("fault: %s\n", f.c_str());
-    }
-    for (const std::string &l : Lines()) {
-        std::printf("  log: %s\n", l.c_str());
-    }
-    RIX_TEST_Reset();
-    const std::string left = LeftBehind(fds, tables, false);
-    std::printf("left behind: %s\n", left.empty() ? "nothing" : left.c_str());
-    return report.faults.empty() && left.empty() ? 0 : 1;
-}
-
-void SweepTally::Add(const ChildOutcome &o, const std::string &site)
-{
-    ++runs;
-    if (o.kind == ChildOutcome::Ok) {
-        return;
-    }
-    (o.kind == ChildOutcome::Crash ? crashes : o.kind == ChildOutcome::Leak ? leaks : faults) += 1;
-    if (firstFailures.size() < 8u) {
-        // The sanitizer's summary lines and the first frames are enough to find the place.
-        std::string d = o.detail;
-        if (d.size() > 3000u) {
-            d = d.substr(0, 3000u) + "\n  [...]";
-        }
-        firstFailures.push_back(site + ":\n" + d);
-    }
 }
 
 }  // namespace rixtest

@@ -13,28 +13,20 @@
 
 namespace rixtest {
 
+// Broken promises, whatever failed underneath: a record delivered twice, out of order or
+// corrupt, a result code the interface does not give, a callback after destroy.
 struct ScenarioReport {
-    // Broken promises, whatever failed underneath: a record delivered twice, out of order or
-    // corrupt, a result code the interface does not give, a callback after destroy.
     std::vector<std::string> faults;
 };
-
-// Resets the stand-ins and the counting allocator and captures log lines; the caller arms
-// its failure after this.
-void PrepareScenario();
-// Runs the scenario in the calling process. strict: no failure is armed, so the books must
+// The scenario in this process (scenario.cpp). strict: no failure is armed, so the books must
 // come out exact (what was offered, delivered, coalesced, back-pressed, in which order).
 void RunScenario(ScenarioReport &report, bool strict);
+// What the orchestrators left behind: empty when nothing, else a reason (blocks of the module's
+// allocator, abstraction-layer instances, hash tables or blocks, descriptors opened, module
+// names, queue names). tableKept: a table whose release the platform refused keeps its blocks.
+std::string LeftBehind(int fdsOpened, uint32_t hashTablesBefore, bool tableKept);
 
-// Open descriptors of the process.
-int FdCount();
-
-// What the orchestrators left behind after RunScenario: empty when nothing, else a reason
-// (blocks of the module's allocator, abstraction-layer instances, hash tables or blocks,
-// descriptors, module names, queue names).
-std::string LeftBehind(int fdsBefore, uint32_t hashTablesBefore);
-
-// One run of the scenario in a child process (fork): prepare, arm, run, then the leak checks.
+// The runners (sweep_runner.cpp). One run of the scenario in a child process (fork): prepare, arm, run, then the leak checks.
 struct ChildOutcome {
     enum Kind { Ok, Leak, Fault, Crash } kind = Crash;
     std::string detail;   // why, with the child's own diagnostics (sanitizer report, reasons)
@@ -53,6 +45,9 @@ struct SweepTally {
     uint32_t runs = 0, crashes = 0, leaks = 0, faults = 0;
     std::vector<std::string> firstFailures;
     void Add(const ChildOutcome &o, const std::string &site);
+    // Prints "<name>: <sites>, R runs, C crashes, L leaks", the broken promises and the first
+    // failures; true when every run was clean.
+    bool Report(const char *name, const std::string &sites) const;
 };
 
 }  // namespace rixtest

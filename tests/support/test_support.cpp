@@ -14,7 +14,6 @@ namespace {
 std::mutex g_allocMu;
 AllocStats g_stats{};
 uint64_t g_failAt = 0;     // allocation number that fails
-bool g_failAlways = false;
 uint64_t g_failFrom = 0;   // first allocation number of a lasting failure
 uint64_t g_seen = 0;
 
@@ -31,7 +30,7 @@ void *CountingAlloc(uint32_t size)
 {
     std::lock_guard<std::mutex> lock(g_allocMu);
     ++g_seen;
-    if (g_failAlways || (g_failAt != 0 && g_seen == g_failAt) || (g_failFrom != 0 && g_seen >= g_failFrom)) {
+    if ((g_failAt != 0 && g_seen == g_failAt) || (g_failFrom != 0 && g_seen >= g_failFrom)) {
         ++g_stats.failed;
         return nullptr;
     }
@@ -80,7 +79,6 @@ void ResetAllocStats()
     std::lock_guard<std::mutex> lock(g_allocMu);
     g_stats = AllocStats{};
     g_failAt = 0;
-    g_failAlways = false;
     g_failFrom = 0;
     g_seen = 0;
 }
@@ -95,12 +93,6 @@ void FailAllocFrom(uint64_t nth)
 {
     std::lock_guard<std::mutex> lock(g_allocMu);
     g_failFrom = nth == 0 ? 0 : g_seen + nth;
-}
-
-void FailAllocAlways(bool on)
-{
-    std::lock_guard<std::mutex> lock(g_allocMu);
-    g_failAlways = on;
 }
 
 ASOrchCreatePara CountingCreatePara()
@@ -170,7 +162,7 @@ void PlatformTest::TearDown()
 void OrchTest::SetUp()
 {
     PlatformTest::SetUp();
-    h_ = ASOrchCreate("DEMO", &para_);
+    h_ = ASOrchCreate(name_, &para_);
     ASSERT_NE(nullptr, h_);
     eal_ = h_->ealHdl;
     RIX_TEST_LogClear();
@@ -178,9 +170,20 @@ void OrchTest::SetUp()
 
 void OrchTest::TearDown()
 {
-    ASOrchDestroy(h_);
+    if (h_ != nullptr) {
+        ASOrchDestroy(h_);
+        h_ = nullptr;
+    }
     EXPECT_EQ(0, LiveAllocations()) << DumpLines();
+    EXPECT_EQ(0u, RIX_TEST_EalLiveCount());
+    EXPECT_EQ(0u, AutoSyncNameExisted(name_));
     PlatformTest::TearDown();
+}
+
+void OrchTest::Recreate()
+{
+    TearDown();
+    SetUp();
 }
 
 GuardedBuffer::GuardedBuffer(size_t size) : size_(size)

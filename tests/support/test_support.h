@@ -29,8 +29,15 @@ AllocStats GetAllocStats();
 int64_t LiveAllocations();            // allocs - frees
 void ResetAllocStats();
 void FailAllocNth(uint64_t nth);      // the nth allocation from now (1 = next) returns null; 0 disarms
-void FailAllocAlways(bool on);
 void FailAllocFrom(uint64_t nth);     // the nth allocation from now and every later one fail; 0 disarms
+
+// A module's bucket hash for merge channel Chan: the stored copy names its orchestrator.
+template <uint32_t Chan>
+uint32_t MergeHash(const void *key)
+{
+    auto *v = static_cast<const ASOrchMsgVec *>(key);
+    return ASOrchMergeHashFunc(static_cast<ASOrchHandle *>(v->usrData), Chan, v);
+}
 
 // Create parameters that use the counting allocator.
 ASOrchCreatePara CountingCreatePara();
@@ -48,12 +55,15 @@ protected:
     void TearDown() override;
 };
 
-// A fresh orchestrator "DEMO" on the counting allocator, log cleared; teardown destroys it
-// and requires every allocation back.
+// A fresh orchestrator (name_, "DEMO" unless a derived constructor says otherwise) on the
+// counting allocator, log cleared; teardown destroys it (unless a test did and cleared h_) and
+// requires every block, the abstraction-layer instance and the module name back.
 class OrchTest : public PlatformTest {
 protected:
     void SetUp() override;
     void TearDown() override;
+    void Recreate();  // TearDown's checks, then a fresh orchestrator
+    const char *name_ = "DEMO";
     ASOrchCreatePara para_ = CountingCreatePara();
     ASOrchHandle *h_ = nullptr;
     void *eal_ = nullptr;
