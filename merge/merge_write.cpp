@@ -32,6 +32,11 @@ ASORCH_API uint32_t ASOrchMsgVecCopyAlloc(ASOrchHandle *handle, const ASOrchMsgV
     if (handle == nullptr || vec == nullptr || copy == nullptr) {
         return ASORCH_ERR;
     }
+    // The copies below are plain ones: a key length without a key is refused before them.
+    if (vec->keyLen != 0u && vec->key == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. copy fail", handle->name);
+        return ASORCH_ERR;
+    }
     const bool withData = vec->dataLen != 0u && vec->data != nullptr;
     const uint64_t size = static_cast<uint64_t>(vec->keyLen) + vec->dataLen;
     auto *block = size > UINT32_MAX ? nullptr : static_cast<uint8_t *>(handle->memAlloc(static_cast<uint32_t>(size)));
