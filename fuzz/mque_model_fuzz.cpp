@@ -4,6 +4,7 @@
 // hand-run epoll loop, printing, destroy, and injected failures of the platform). After
 // every step the queue's list, counts, statistics, monitor events and every block it holds
 // must match the model; at the end every queue is destroyed and nothing may be left.
+#include <dirent.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -99,6 +100,22 @@ int EpollSet()
         std::abort();
     }
     return fd;
+}
+
+// Open descriptors of the process: a queue's eventfd must be closed with the queue, also
+// when its creation failed half-way.
+uint32_t OpenFds()
+{
+    DIR *dir = opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        std::abort();
+    }
+    uint32_t n = 0;
+    while (readdir(dir) != nullptr) {
+        ++n;
+    }
+    closedir(dir);
+    return n;
 }
 
 // ---- The model ----
@@ -346,13 +363,15 @@ void OpCreate(FuzzedDataProvider &in, uint32_t s)
         taken = taken || (o.q != nullptr && o.name == name);
     }
     MergeQueCb *q = RIX_MergeQueCreate(name, &para);
+    const std::string dup = std::string("[RIX_MERGE_QUE Create] creat Fail because find ") + name + " exist!";
+    const uint32_t dupLines = RIX_TEST_LogFind(dup.c_str());
     RIX_TEST_Reset();
     RIX_TEST_LogCapture(1);
+    if (valid && taken) {
+        Expect(dupLines == 1, "line of a taken name", s, dupLines, 1);
+    }
     if (!valid || taken) {
         Expect(q == nullptr, "create that must fail", s);
-        if (taken) {
-            return;
-        }
         return;
     }
     Expect(q != nullptr, "create", s);
@@ -576,6 +595,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     RIX_TEST_Reset();
     RIX_TEST_LogCapture(1);
+    (void)EpollSet();
+    static const uint32_t fds = OpenFds();
     FuzzedDataProvider in(data, size);
     for (uint32_t op = 0; op < kMaxOps && in.remaining_bytes() != 0; ++op) {
         const uint32_t code = in.ConsumeIntegralInRange<uint32_t>(0, 15);
@@ -615,6 +636,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     RecountBlocks();
     CheckAll();
     Expect(g_live.empty(), "blocks left after destroy", 0, g_live.size(), 0);
+    Expect(OpenFds() == fds, "descriptors left after destroy", 0, OpenFds(), fds);
     RIX_TEST_Reset();
     return 0;
 }
