@@ -53,10 +53,15 @@ seeds = {
     "trans_composite": trans(0x80, tlv(10, 18, b"") + tlv(20, 19, bytes(5)) + tlv(13, 18, b"") + tlv(21, 19, w(1))
                              + tlv(99, 18, b"")),
     "trans_platform": trans(0x81, tlv(13, 0, items(13)) + tlv(22, 4, items(22))),
+    "trans_platform_fail": trans(0xC2, tlv(13, 0, w(7, 16, 13, 1)) + tlv(13, 0, w(8, 16, 13, 1))
+                                 + tlv(13, 0, w(9, 32, 13, 1, 2, 3, 4, 5)) + tlv(13, 0, w(10, 28, 13, 1, 2, 3, 4))
+                                 + tlv(13, 0, w(11, 28, 13, 1, 2, 3, 4)) + tlv(13, 0, w(15, 20, 13, 1, 2))),
     "trans_smooth_bad": trans(0x80, tlv(10, 0, w(12, 16, 10, 0)) + tlv(10, 3, w(9, 28, 10, 1, 2, 3, 4))
                               + tlv(10, 5, w(7, 16, 10, 1, 9)) + tlv(10, 6, w(7, 40, 10, 1)) + tlv(10, 7, w(200, 16, 10, 0))
                               + tlv(10, 0, b"")),
     "trans_tlv_overrun": trans(0x80, tlv(10, 1, bytes(8)) + w(10, 1, 100) + bytes(8)),
+    "trans_area_ragged": trans(0x80, tlv(10, 1, bytes(8)) + bytes(5), area=25),
+    "trans_body_short": bytes([0x80]) + b"\xee" * 5,
     "trans_area_short": trans(0x80, b"", area=11),
     "recv_immediate": recv(1, rec(1, 1) + rec(2, 2) + rec(3, 3)),
     "recv_userdef": recv(2, rec(1, 1) + rec(2, 2)),

@@ -371,7 +371,7 @@ void Corrupt(Rng &rng, Bytes &out, const std::vector<LenField> &lens)
     }
     const LenField f = lens[Pick(rng, static_cast<uint32_t>(lens.size()))];
     const uint32_t choices[] = {f.value + 1, f.value - 1, 0u, 11u, 12u, 0xFFFFFFFFu, 0x7FFFFFFFu, 0x80000000u,
-                                0xFFFFFFF4u, f.value + 12, static_cast<uint32_t>(rng())};
+                                0xFFFFFFF4u, f.value + 12, f.value + 1 + Pick(rng, 11), static_cast<uint32_t>(rng())};
     Set(&out[f.off], PickOf(rng, choices));
 }
 
@@ -438,7 +438,7 @@ void MutateTrans(Rng &rng, Msg &m, size_t maxSize)
         case 9:  // another transfer id; bit 6 fails the smoothing entry points
             m.sel = static_cast<uint8_t>(0x80u | (Pick(rng, 4) == 0 ? 0x40u : 0u) | Pick(rng, 16));
             break;
-        case 10:
+        case 10:  // bytes after the last TLV, inside the area or past it
             if (m.tail.empty()) {
                 m.tail = RandomBytes(rng, 1 + Pick(rng, 11));
             } else {
