@@ -70,6 +70,9 @@ seeds = {
     "recv_fes_merge": recv(4, rec(1, 1, 8) + rec(2, 2, 8) + rec(1, 3, 8) + rec(3, 4, 8) + rec(2, 5, 8)),
     "recv_key_outside": recv(5, rec(1, 1)),
     "recv_no_size": recv(6, rec(1, 1)),
+    "recv_userdef_fails": recv(2, rec(1, 1) + rec(2, 2) + rec(3, 3)),
+    "recv_serial_no_release": bytes([0]) + b"\xee" * 8 + w(1) + rec(5, 1),
+    "recv_short": bytes([1]) + b"\xee" * 3,
     "recv_unknown": recv(7, rec(1, 1)),
     "recv_ragged": recv(1, rec(1, 1) + b"\1\2\3"),
 }

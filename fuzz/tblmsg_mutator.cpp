@@ -68,8 +68,9 @@ struct SmoothType {
 const SmoothType kSmoothTypes[] = {{7, 16},  {8, 16},  {9, 32},  {10, 28},  {11, 28},
                                    {15, 20}, {16, 16}, {17, 16}, {190, 16}, {191, 16}};
 
-// Record size of the recv message ids (selector & 7); 3 is serially packed (an operation
-// word before the records), 6 has none registered, 0 and 7 are not registered.
+// Record size of the recv message ids (selector & 7); 0 and 3 are serially packed (an operation
+// word before the records, 0 without a release function), 6 has no record size, 7 is not
+// registered.
 uint32_t RecSize(uint32_t id)
 {
     switch (id) {
@@ -299,7 +300,7 @@ Msg Decode(const uint8_t *data, size_t size)
     }
     const uint32_t id = m.sel & 7u;
     size_t off = kHdr;
-    m.serial = id == 3;
+    m.serial = id == 3 || id == 0;
     if (m.serial && n >= off + 4) {
         m.opType = Get(b + off);
         off += 4;
@@ -494,7 +495,7 @@ void MutateRecv(Rng &rng, Msg &m, size_t maxSize)
         case 6: {  // another recv id, records re-cut to its size
             const uint32_t nid = Pick(rng, 8);
             m.sel = static_cast<uint8_t>(nid);
-            m.serial = nid == 3;
+            m.serial = nid == 3 || nid == 0;
             const uint32_t ns = RecSize(nid);
             for (Bytes &r : v) {
                 r.resize(ns == 0 ? 0 : ns, 0);
