@@ -1,9 +1,10 @@
 // libFuzzer target: the merge queue against a reference model. The input is a program of
-// operations on up to kSlots queues (create, write with and without merge, the four read
-// entry points, back-press and release, water marks, the reader's eventfd stepped through a
-// hand-run epoll loop, printing, destroy, and injected failures of the platform). After
-// every step the queue's list, counts, statistics, monitor events and every block it holds
-// must match the model; at the end every queue is destroyed and nothing may be left.
+// operations on up to kSlots queues: create, write with and without merge, the four read
+// entry points (some writing to the queue from inside their callbacks), back-press and
+// release, water marks, the reader's eventfd stepped through a hand-run epoll loop,
+// printing, destroy, and injected failures of the platform. After every step the queue's
+// list, counts, statistics, monitor events and every block it holds must match the model;
+// at the end every queue is destroyed and nothing may be left.
 #include <dirent.h>
 #include <sys/epoll.h>
 #include <unistd.h>
@@ -50,6 +51,7 @@ uint32_t CmpKey(const void *stored, const void *searched, uint32_t)
 const void *KeyOf(const void *stored) { return stored; }
 
 uint32_t g_dataSize;  // of the queue whose merge runs; set before each write
+void SetMergeSize(uint32_t size) { g_dataSize = size; }
 
 // The module's merge: the writer's sum grows by the pending one, the last byte mixes both,
 // and the pending copy is scribbled on (the queue must overwrite it with the writer's data).
@@ -155,12 +157,24 @@ uint32_t Notify(uint32_t evt, void *para)
     return evt;  // not used by the queue
 }
 
+// A write that a read callback makes to its own queue, which the queue allows: the entry
+// being delivered is already out, so its key makes a new entry, and a merge with moveTail
+// may move the entry the walk goes on with.
+struct Plan {
+    uint32_t key;
+    int32_t moveTail;
+    Bytes data;
+};
+
 struct ReadCtx {
     Model *m;
     std::vector<Bytes> *out;
-    uint32_t failEvery;  // the callback reports failure for every n-th entry (0: never)
+    uint32_t failEvery;                 // the callback reports failure for every n-th entry (0: never)
     uint32_t n;
+    const std::vector<Plan> *plans;     // plans[i]: the write made by the (i+1)-th callback
 };
+
+void SetMergeSize(uint32_t size);
 
 uint32_t ReadCb(void *data, uint32_t size, void *usr)
 {
@@ -169,6 +183,13 @@ uint32_t ReadCb(void *data, uint32_t size, void *usr)
     const auto *p = static_cast<const uint8_t *>(data);
     ctx->out->emplace_back(p, p + size);
     ++ctx->n;
+    if (ctx->plans != nullptr && ctx->n <= ctx->plans->size()) {
+        const Plan &plan = (*ctx->plans)[ctx->n - 1];
+        Bytes buf = plan.data;
+        SetMergeSize(ctx->m->dataSize);
+        Expect(RIX_MergeQueWrite(ctx->m->q, &plan.key, buf.data(), plan.moveTail) == ASORCH_OK,
+               "write from a read callback", 0);
+    }
     return (ctx->failEvery != 0 && ctx->n % ctx->failEvery == 0) ? 1u : 0u;
 }
 
@@ -186,7 +207,7 @@ uint32_t SchedProc(MergeQueCb *q)
 {
     Model *m = ModelOf(q);
     Expect(m != nullptr, "drain of an unknown queue", 0);
-    ReadCtx ctx{m, &m->delivered, 0, 0};
+    ReadCtx ctx{m, &m->delivered, 0, 0, nullptr};
     (void)RIX_MergeQueReadCallBack(q, m->schedBatch, ReadCb, &ctx);
     return 1u;  // not used by the queue
 }
@@ -232,17 +253,45 @@ void ModelNewWrite(Model &m, uint32_t key, const Bytes &data)
     ModelMonitorWrite(m);
 }
 
-// Takes up to maxCnt entries from the head; notify/monitor as the full read entry points do.
-std::vector<Bytes> ModelRead(Model &m, uint32_t maxCnt, bool full)
+// A write that succeeds: a new entry, or a merge into the pending one. Returns what the
+// writer's buffer holds afterwards (the merge function may change it).
+Bytes ModelWrite(Model &m, uint32_t key, int32_t moveTail, Bytes data)
+{
+    auto it = m.pending.find(key);
+    if (it == m.pending.end()) {
+        ModelNewWrite(m, key, data);
+        return data;
+    }
+    Bytes &stored = it->second.first;
+    if (m.merge) {
+        MergeData(data.data(), stored.data(), m.dataSize);
+    }
+    stored = data;
+    if (moveTail == 1) {
+        m.order.splice(m.order.end(), m.order, it->second.second);
+    }
+    ModelCount(m, MERGEQUE_RSTAT_SUCC_MERGE);
+    return data;
+}
+
+// Takes up to maxCnt entries from the head, remembering each one's successor before it is
+// handled, as the queue's walk does; notify/monitor as the full read entry points do.
+std::vector<Bytes> ModelRead(Model &m, uint32_t maxCnt, bool full, const std::vector<Plan> *plans = nullptr)
 {
     std::vector<Bytes> out;
-    while (out.size() < maxCnt && !m.order.empty()) {
-        const uint32_t key = m.order.front();
+    for (auto it = m.order.begin(); it != m.order.end() && out.size() < maxCnt;) {
+        const auto next = std::next(it);
+        const uint32_t key = *it;
         out.push_back(m.pending[key].first);
         m.pending.erase(key);
-        m.order.pop_front();
+        m.order.erase(it);
+        ModelCount(m, MERGEQUE_RSTAT_SUCC_READ);
+        if (plans != nullptr && out.size() <= plans->size()) {
+            const Plan &plan = (*plans)[out.size() - 1];
+            (void)ModelWrite(m, plan.key, plan.moveTail, plan.data);
+        }
+        it = next;
     }
-    ModelCount(m, MERGEQUE_RSTAT_SUCC_READ, static_cast<uint32_t>(out.size()));
     if (out.size() < maxCnt) {
         ModelCount(m, MERGEQUE_RSTAT_EMPTY_READ, maxCnt - static_cast<uint32_t>(out.size()));
     }
@@ -385,12 +434,8 @@ void OpCreate(FuzzedDataProvider &in, uint32_t s)
     m.schedBatch = 1u + in.ConsumeIntegralInRange<uint32_t>(0, 3);
 }
 
-void OpWrite(FuzzedDataProvider &in, uint32_t s, bool direct)
+Bytes NewData(FuzzedDataProvider &in, const Model &m, uint32_t key)
 {
-    Model &m = g_slot[s];
-    const uint32_t key = in.ConsumeIntegralInRange<uint32_t>(0, kKeys - 1);
-    const int32_t moveTail = in.ConsumeBool() ? 1 : 0;
-    const uint32_t fail = in.ConsumeIntegralInRange<uint32_t>(0, 15);
     Bytes data(m.dataSize);
     SetWord(data.data(), 0, key);
     SetWord(data.data(), 4, in.ConsumeIntegral<uint32_t>());
@@ -399,8 +444,17 @@ void OpWrite(FuzzedDataProvider &in, uint32_t s, bool direct)
     for (uint32_t i = kMinData; i < m.dataSize; ++i) {
         data[i] = static_cast<uint8_t>(fill + i);
     }
-    auto it = m.pending.find(key);
-    const bool isNew = it == m.pending.end();
+    return data;
+}
+
+void OpWrite(FuzzedDataProvider &in, uint32_t s, bool direct)
+{
+    Model &m = g_slot[s];
+    const uint32_t key = in.ConsumeIntegralInRange<uint32_t>(0, kKeys - 1);
+    const int32_t moveTail = in.ConsumeBool() ? 1 : 0;
+    const uint32_t fail = in.ConsumeIntegralInRange<uint32_t>(0, 15);
+    const Bytes data = NewData(in, m, key);
+    const bool isNew = m.pending.find(key) == m.pending.end();
     if (direct && !isNew) {
         return;  // a new write of a pending key is not a use the queue offers
     }
@@ -412,7 +466,7 @@ void OpWrite(FuzzedDataProvider &in, uint32_t s, bool direct)
     }
     const uint32_t keyWord = key;  // the key apart from the data, as the orchestrator hands it
     Bytes buf = data;
-    g_dataSize = m.dataSize;
+    SetMergeSize(m.dataSize);
     const uint32_t ret =
         direct ? RIX_MergeQueNewWrite(m.q, &keyWord, buf.data()) : RIX_MergeQueWrite(m.q, &keyWord, buf.data(), moveTail);
     if (inject) {
@@ -423,23 +477,22 @@ void OpWrite(FuzzedDataProvider &in, uint32_t s, bool direct)
         return;
     }
     Expect(ret == ASORCH_OK, "write", s, ret, ASORCH_OK);
-    if (isNew) {
-        Expect(buf == data, "writer's data on a new write", s);
-        ModelNewWrite(m, key, data);
-        return;
+    Expect(buf == ModelWrite(m, key, moveTail, data), "writer's data after the write", s);
+}
+
+// Most callback reads write nothing; some write from a few of their callbacks.
+std::vector<Plan> NewPlans(FuzzedDataProvider &in, const Model &m)
+{
+    std::vector<Plan> plans;
+    if (in.ConsumeIntegralInRange<uint32_t>(0, 3) != 0) {
+        return plans;
     }
-    Bytes &stored = it->second.first;
-    if (m.merge) {
-        MergeData(data.data(), stored.data(), m.dataSize);
+    for (uint32_t n = in.ConsumeIntegralInRange<uint32_t>(1, 4); n != 0; --n) {
+        const uint32_t key = in.ConsumeIntegralInRange<uint32_t>(0, kKeys - 1);
+        const int32_t moveTail = in.ConsumeBool() ? 1 : 0;
+        plans.push_back({key, moveTail, NewData(in, m, key)});
     }
-    Expect(buf == data, "writer's data after the merge", s);
-    stored = data;
-    if (moveTail == 1) {
-        m.order.erase(it->second.second);
-        m.order.push_back(key);
-        it->second.second = std::prev(m.order.end());
-    }
-    ModelCount(m, MERGEQUE_RSTAT_SUCC_MERGE);
+    return plans;
 }
 
 void OpRead(FuzzedDataProvider &in, uint32_t s, uint32_t style)
@@ -448,6 +501,7 @@ void OpRead(FuzzedDataProvider &in, uint32_t s, uint32_t style)
     const uint32_t maxCnt = in.ConsumeIntegralInRange<uint32_t>(0, 9);
     const uint32_t failEvery = in.ConsumeIntegralInRange<uint32_t>(0, 3);
     std::vector<Bytes> got;
+    std::vector<Plan> plans;
     uint32_t ret = 0;
     bool full = true;
     switch (style) {
@@ -478,19 +532,21 @@ void OpRead(FuzzedDataProvider &in, uint32_t s, uint32_t style)
             return;
         }
         case 2: {  // to a callback, then notify and monitor
-            ReadCtx ctx{&m, &got, failEvery, 0};
+            plans = NewPlans(in, m);
+            ReadCtx ctx{&m, &got, failEvery, 0, &plans};
             ret = RIX_MergeQueReadCallBack(m.q, maxCnt, ReadCb, &ctx);
             break;
         }
         default: {  // to a callback only
-            ReadCtx ctx{&m, &got, failEvery, 0};
+            plans = NewPlans(in, m);
+            ReadCtx ctx{&m, &got, failEvery, 0, &plans};
             ret = RIX_MergeQueReadToCallBack(m.q, maxCnt, ReadCb, &ctx);
             full = false;
             break;
         }
     }
     // The full entry points take nothing for a zero count (the bare ones count it as no read).
-    std::vector<Bytes> want = (full && maxCnt == 0) ? std::vector<Bytes>{} : ModelRead(m, maxCnt, full);
+    std::vector<Bytes> want = (full && maxCnt == 0) ? std::vector<Bytes>{} : ModelRead(m, maxCnt, full, &plans);
     Expect(ret == want.size(), "read count", s, ret, want.size());
     Expect(got == want, "read data", s, got.size(), want.size());
 }
