@@ -334,15 +334,17 @@ void Check(uint32_t s)
     }
     Expect(link == head, "list longer than the model", s, i);
     for (uint32_t id = 0; id < MERGEQUE_RSTAT_NUM; ++id) {
-        Expect(q->reader.readerStat[id].count == m.rstat[id], RIX_MergeQueGetReaderStatDesc(id), s,
-               q->reader.readerStat[id].count, m.rstat[id]);
+        if (q->reader.readerStat[id].count != m.rstat[id]) {
+            Fail(RIX_MergeQueGetReaderStatDesc(id), s, q->reader.readerStat[id].count, m.rstat[id]);
+        }
         if (g_mergeQueReaderStatDesc[id].stampFlag != 0u) {
             Expect((q->reader.readerStat[id].stamp.packed != 0u) == (m.rstat[id] != 0u), "reader stamp", s, id);
         }
     }
     for (uint32_t id = 0; id < MERGEQUE_QSTAT_NUM; ++id) {
-        Expect(q->queStat[id].count == m.qstat[id], RIX_MergeQueGetStatDesc(id), s, q->queStat[id].count,
-               m.qstat[id]);
+        if (q->queStat[id].count != m.qstat[id]) {
+            Fail(RIX_MergeQueGetStatDesc(id), s, q->queStat[id].count, m.qstat[id]);
+        }
         Expect((q->queStat[id].stamp.packed != 0u) == (m.qstat[id] != 0u), "queue stamp", s, id);
     }
     Expect((q->overLoad != 0u) == m.overLoad, "overLoad", s, q->overLoad, m.overLoad);
