@@ -9,6 +9,8 @@
 #   tblmsg_fuzz      ASOrchMsgProc with a structure-aware mutator (tblmsg_mutator.cpp);
 #                    seeds in corpus/ (written by make_corpus.py)
 #   mque_model_fuzz  the merge queue against a reference model; seeds in corpus-mque/
+#
+# What a corpus reaches in the library, line by line: bash fuzz/cov.sh TARGET [CORPUS_DIR...]
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 secs=${1:-120}
