@@ -6,7 +6,7 @@
 // size, so any read past it is reported).
 //   bit 7 set:   transfer message 0x7F7F7F70 | (byte & 0xF); bit 6 makes the platform's
 //                smoothing entry points fail.
-//   bit 7 clear: recv message id (byte & 7); 1 to 6 are registered.
+//   bit 7 clear: recv message id (byte & 7); 0 to 6 are registered.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -94,6 +94,7 @@ ASOrchTblMsgRecvReg g_recv[] = {
     {kMergeMsgId, 4, 0, nullptr, nullptr, 8, 3, nullptr, 0, 8},               // FES queue, to tail
     {kMergeMsgId, 5, 0, nullptr, nullptr, kRec, 0, nullptr, 0, 20},           // key beyond record
     {kMergeMsgId, 6, 0, nullptr, nullptr, 0, 0, nullptr, 0, 0},               // no record size
+    {kMergeMsgId, 0, 1, Unpack, nullptr, kRec, 0, nullptr, 1, 4},             // serial without a release
 };
 ASOrchTblMsgTransReg g_dam[] = {
     // tableId, tblSize, smoothPreProc, smoothProc, procParam, tblMsgProc
@@ -121,7 +122,7 @@ ASOrchHandle *Orchestrator()
         }
         ASOrchBasePara base{};
         base.recvTblMsg[0] = {g_recv, 3};
-        base.recvTblMsg[1] = {g_recv + 3, 3};
+        base.recvTblMsg[1] = {g_recv + 3, 4};
         base.transTblMsg[0] = {g_dam, sizeof(g_dam) / sizeof(g_dam[0])};
         base.transTblMsg[1] = {g_fes, sizeof(g_fes) / sizeof(g_fes[0])};
         base.mergeMque[0] = {g_mergeMsg, 1, 256, KeyHash, 0, 0};
