@@ -460,11 +460,11 @@ void OpWrite(FuzzedDataProvider &in, uint32_t s, bool direct)
     if (direct && !isNew) {
         return;  // a new write of a pending key is not a use the queue offers
     }
-    // Failures of a new entry's allocation, copy or linking; the merge path is left alone.
+    // Failures of a new entry's allocation, copy or linking, and of a merge's copy.
     static const char *const kFailOps[] = {"LITE_HASH_NewData", "memcpy_s", "LITE_HASH_AddNode"};
-    const bool inject = isNew && fail < 3;
+    const bool inject = isNew ? fail < 3 : (!direct && fail == 3);
     if (inject) {
-        RIX_TEST_FailNth(kFailOps[fail], 1);
+        RIX_TEST_FailNth(isNew ? kFailOps[fail] : "memcpy_s", 1);
     }
     const uint32_t keyWord = key;  // the key apart from the data, as the orchestrator hands it
     Bytes buf = data;
@@ -476,6 +476,13 @@ void OpWrite(FuzzedDataProvider &in, uint32_t s, bool direct)
         RIX_TEST_LogCapture(1);
         Expect(ret == ASORCH_ERR, "write with a failed step", s, ret, ASORCH_ERR);
         ModelCount(m, MERGEQUE_RSTAT_FAIL_WRITE);
+        if (!isNew && m.merge) {
+            // The merge function ran and the copy did not: both keep what it left them, and the
+            // pending entry keeps its place.
+            Bytes merged = data;
+            MergeData(merged.data(), m.pending[key].first.data(), m.dataSize);
+            Expect(buf == merged, "writer's data after a failed merge", s);
+        }
         return;
     }
     Expect(ret == ASORCH_OK, "write", s, ret, ASORCH_OK);
