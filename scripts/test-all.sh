@@ -10,7 +10,7 @@
 #   RIX_SKIP          stages to skip, e.g. "tsan bench"
 #   RIX_VALGRIND_EXCLUDE  ctest -E regex of tests left out under valgrind (default: stress tests,
 #                     and runs that start valgrind or cmake themselves)
-#   RIX_FUZZ_SECONDS  length of the fuzzing run after the corpus replay (default 120)
+#   RIX_FUZZ_SECONDS  fuzzing time of each target after the corpus replay (default 120)
 #   RIX_SOAK_SECONDS  length of the merge soak (default 10 s in the ASan stage, 3 s under TSan)
 #   RIX_COVERAGE_HTML set to 1: the coverage stage also writes build/<prefix>coverage/html/index.html
 # The ASan stage also runs the allocation- and platform-failure sweeps (ctest label "sweep"),
