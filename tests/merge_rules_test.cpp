@@ -32,6 +32,31 @@ uint32_t NoHash(const void *) { return 0u; }
 
 class MergeHashTest : public rixtest::OrchTest {};
 
+// The exported merge callback, for a queue of the module's own: the arriving vector takes the
+// combined opType and the pending copy's block goes back to its owner; age information and
+// pairs without a rule are only logged.
+TEST_F(MergeHashTest, ExportedMergeNotifyCombinesAndReleasesThePendingCopy)
+{
+    const int64_t idle = rixtest::LiveAllocations();
+    ASOrchMsgVec pending{7u, 1u, rixtest::CountingAlloc(8u), 8u, nullptr, 0u, 0u, h_};
+    ASOrchMsgVec arriving{7u, 0u, nullptr, 8u, nullptr, 0u, 0u, h_};
+    ASOrchPubMergeNotify(&arriving, &pending);
+    EXPECT_EQ(arriving.opType, 2u);
+    EXPECT_EQ(pending.key, nullptr);
+    EXPECT_EQ(rixtest::LiveAllocations(), idle);
+    ASOrchPubMergeNotify(nullptr, &pending);
+    arriving.opType = ASORCH_OPTYPE_AGEINFO;
+    ASOrchPubMergeRule(&pending, &arriving);
+    EXPECT_EQ(arriving.opType, ASORCH_OPTYPE_AGEINFO);
+    EXPECT_TRUE(rixtest::HasLine("Orch autosync merge notify is ageinfo error, msgId 7"));
+    pending.opType = 3u;
+    arriving.opType = 0u;
+    ASOrchPubMergeRule(&pending, &arriving);
+    EXPECT_EQ(arriving.opType, 0u);
+    EXPECT_TRUE(rixtest::HasLine("Orch autosync merge notify get rule error"));
+    EXPECT_EQ(ASOrchGetMergeRule(0u, 0u, nullptr), 1u);
+}
+
 TEST_F(MergeHashTest, KeyIdentityAndPinnedBucketHash)
 {
     // The two channels' moduli: a power of two and one that is not.

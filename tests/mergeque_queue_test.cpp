@@ -321,4 +321,47 @@ TEST_F(MergeQueTest, PrintedTextFollowsNameOrderFitsTheBufferAndShowsStamps)
     EXPECT_STREQ(RIX_MergeQueGetReaderStatDesc(11), "MergeQue Reader Unknown Error");
 }
 
+// The write path's exported steps, which a container of the module's own may compose: each
+// does its one part, and together they make the same queue as RIX_MergeQueWrite.
+TEST_F(MergeQueTest, ExportedStepsComposeAQueue)
+{
+    para_.mergeFunc = MergeAdd;
+    MergeQueCb *q = RIX_MergeQueCreate("steps", &para_);
+    ASSERT_NE(q, nullptr);
+    Rec a{1, 10}, b{2, 20};
+    MergeQueHashData *d = RIX_MergeQueNewHashData(q, &a, &a);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->link.next, &d->link) << "a new entry links to itself";
+    EXPECT_EQ(q->reader.itemCnt, 0u) << "in the table, not yet in the list";
+    RIX_MergeQueSetStat(q, &a);
+    EXPECT_EQ(q->queStat[MERGEQUE_QSTAT_HISTORY_MAX_CNT].count, 1u);
+    RIX_MergeQueAttachMsgList(q, d);
+    ASSERT_EQ(RIX_MergeQueNewWrite(q, &b, &b), 0u);
+    EXPECT_EQ(q->reader.itemCnt, 2u);
+    RIX_MergeQueMsgListMoveTail(q, d);  // a behind b
+    Rec a2{1, 11};
+    RIX_MergeQueMergeWrite(q, &a2, d, 0);
+    EXPECT_EQ(q->reader.readerStat[MERGEQUE_RSTAT_SUCC_MERGE].count, 1u);
+    EXPECT_EQ(Read(q, 4), (std::vector<Rec>{{2, 20}, {1, 111}}));
+
+    // Taken out by hand: the entry links to itself again and the count follows.
+    d = RIX_MergeQueNewHashData(q, &a, &a);
+    ASSERT_NE(d, nullptr);
+    RIX_MergeQueAttachMsgList(q, d);
+    RIX_MergeQueDetachMsgList(q, d);
+    EXPECT_EQ(d->link.next, &d->link);
+    EXPECT_EQ(q->reader.itemCnt, 0u);
+    RIX_MergeQueRemoveHash(q, d);
+    (void)LITE_HASH_FreeData(q->hash, d);
+
+    // A name dropped from the tree by hand frees the name for a new queue.
+    RIX_MergeQueNameTreeDelete(nullptr);
+    RIX_MergeQueNameTreeDelete("steps");
+    EXPECT_TRUE(rixtest::HasLine("steps NameTreeDelete."));
+    MergeQueCb *again = RIX_MergeQueCreate("steps", &para_);
+    ASSERT_NE(again, nullptr);
+    RIX_MergeQueDestory(again);
+    RIX_MergeQueDestory(q);
+}
+
 }  // namespace
