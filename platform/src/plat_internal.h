@@ -7,6 +7,7 @@
 
 #include "rix_plat_common.h"
 
+// clang-format off
 #define RIX_PLAT_OPS(X)                                                                           \
     X(memcpy_s) X(memset_s) X(strcpy_s) X(strcat_s) X(sprintf_s) X(vsprintf_s)                    \
     X(FRM_DiagLogWrite) X(COMP_GetVTable)                                                         \
@@ -24,6 +25,7 @@
     X(RIX_CHAN_USendMsg) X(RIX_CHAN_BackPress) X(RIX_CHAN_UnBackPress)                            \
     X(RIX_ENTRY_ProcVrfStateBegin) X(RIX_ENTRY_ProcVrfStateEnd) X(RIX_ENTRY_ProcVrfState)         \
     X(RIX_ENTRY_ProcVrfDataBegin) X(RIX_ENTRY_ProcVrfDataEnd) X(RIX_ENTRY_ProcPidState)
+// clang-format on
 
 namespace rixplat {
 
