@@ -32,7 +32,10 @@ void *Alloc(uint32_t n)
     ++g_allocs;
     return std::malloc(n);
 }
-void Free(void *p) { std::free(p); }
+void Free(void *p)
+{
+    std::free(p);
+}
 
 uint32_t MsgProc(ASOrchHandle *, ASOrchMsgVec *vec)
 {

@@ -82,7 +82,7 @@ void ModFree(void *p)
 
 // ---- what the library asks of the hash service ----
 std::map<void *, uint32_t> g_blockSizeOf;  // table -> block size asked for
-std::vector<uintptr_t> g_newBlocks;          // blocks handed out while recording
+std::vector<uintptr_t> g_newBlocks;        // blocks handed out while recording
 void *g_newBlocksTable = nullptr;
 bool g_recording = false;
 
@@ -101,8 +101,8 @@ Fn Real(const char *name)
 
 extern "C" {
 
-void *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t blockSize, uint32_t bucketCount,
-                               LITE_HASH_HashFunc hashFunc, LITE_HASH_CmpFunc cmpFunc, uint32_t flags)
+void *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t blockSize, uint32_t bucketCount, LITE_HASH_HashFunc hashFunc,
+                               LITE_HASH_CmpFunc cmpFunc, uint32_t flags)
 {
     static auto real = Real<decltype(&LITE_HASH_CreateWithLock)>("LITE_HASH_CreateWithLock");
     void *t = real(memPtNo, blockSize, bucketCount, hashFunc, cmpFunc, flags);
@@ -150,7 +150,10 @@ struct Snapshot {
     size_t heap;
     AllocCount mod;
 };
-Snapshot Take() { return {HeapInUse() - g_self, g_mod}; }
+Snapshot Take()
+{
+    return {HeapInUse() - g_self, g_mod};
+}
 
 // Before the first snapshot, so that the record of the blocks does not grow in between.
 void StartRecording(uint32_t pending)
@@ -186,8 +189,8 @@ bool Report(const char *what, size_t pending, const Snapshot &a, const Snapshot 
 void Header()
 {
     std::printf("heap bytes per pending entry (sizeof(void *) = %zu)\n", sizeof(void *));
-    std::printf("%-22s %8s %7s %6s %7s %7s %6s %9s %9s\n", "case", "pending", "total", "copy", "c.round",
-                "c.head", "entry", "node+pad", "pool rest");
+    std::printf("%-22s %8s %7s %6s %7s %7s %6s %9s %9s\n", "case", "pending", "total", "copy", "c.round", "c.head",
+                "entry", "node+pad", "pool rest");
 }
 
 // ---- the whole road ----
@@ -269,7 +272,10 @@ uint32_t QCmp(const void *stored, const void *searched, uint32_t)
 {
     return std::memcmp(stored, searched, 16) == 0 ? 1u : 0u;
 }
-const void *QKey(const void *stored) { return stored; }
+const void *QKey(const void *stored)
+{
+    return stored;
+}
 
 bool ProbeQueue(uint32_t pending)
 {
@@ -317,10 +323,11 @@ int main(int argc, char **argv)
     for (uint32_t n : sizes) {
         ok = ProbeQueue(n) && ok;
     }
-    std::printf("copy: the record's private copy as asked of memAlloc; c.round: malloc's rounding of it (usable\n"
-                "minus asked); c.head: the heap's growth beyond the usable bytes (malloc's header); entry: the\n"
-                "data block the queue asks of the hash service; node+pad: the distance between neighbouring\n"
-                "blocks minus the block (the hash node and padding); pool rest: the rest of the heap's growth\n"
-                "(chunk headers, blocks not yet handed out). Bucket arrays are made before and not counted.\n");
+    std::printf(
+        "copy: the record's private copy as asked of memAlloc; c.round: malloc's rounding of it (usable\n"
+        "minus asked); c.head: the heap's growth beyond the usable bytes (malloc's header); entry: the\n"
+        "data block the queue asks of the hash service; node+pad: the distance between neighbouring\n"
+        "blocks minus the block (the hash node and padding); pool rest: the rest of the heap's growth\n"
+        "(chunk headers, blocks not yet handed out). Bucket arrays are made before and not counted.\n");
     return ok ? 0 : 1;
 }

@@ -63,7 +63,10 @@ static_assert(sizeof(Rec) == 64);
 
 // pending 0 + 0 -> 0; 0 + 1 -> 1; 1 + 0 -> 2; 1 + 1 -> 1; 2 + 0 -> 2; 2 + 1 -> 1.
 constexpr uint32_t kRule[3][2] = {{0, 1}, {2, 1}, {2, 1}};
-inline uint32_t Merged(uint32_t pending, uint32_t arriving) { return kRule[pending][arriving]; }
+inline uint32_t Merged(uint32_t pending, uint32_t arriving)
+{
+    return kRule[pending][arriving];
+}
 
 struct Op {
     uint32_t keyIndex;
@@ -103,19 +106,31 @@ inline void MakeRec(Rec &r, const Workload &w, const Op &op, uint32_t seq)
 }
 
 // ---- the merge queue ----
-uint32_t QHash(const void *key) { return static_cast<uint32_t>(KeyHash{}(static_cast<const Rec *>(key)->key)); }
+uint32_t QHash(const void *key)
+{
+    return static_cast<uint32_t>(KeyHash{}(static_cast<const Rec *>(key)->key));
+}
 uint32_t QCmp(const void *stored, const void *searched, uint32_t)
 {
     return static_cast<const Rec *>(stored)->key == static_cast<const Rec *>(searched)->key ? 1u : 0u;
 }
-const void *QKey(const void *stored) { return stored; }
+const void *QKey(const void *stored)
+{
+    return stored;
+}
 void QMerge(void *newData, void *stored)
 {
     auto *n = static_cast<Rec *>(newData);
     n->opType = Merged(static_cast<const Rec *>(stored)->opType, n->opType);
 }
-void *QAlloc(uint32_t size) { return malloc(size); }
-void QFree(void *p) { free(p); }
+void *QAlloc(uint32_t size)
+{
+    return malloc(size);
+}
+void QFree(void *p)
+{
+    free(p);
+}
 
 class QueueImpl {
 public:
@@ -242,10 +257,9 @@ private:
     Container c_;
 };
 using BoostImpl = BoostImplT<MiContainer>;
-using MiPoolContainer =
-    bmi::multi_index_container<MiRec,
-                               bmi::indexed_by<bmi::sequenced<>, bmi::hashed_unique<bmi::member<MiRec, Key16, &MiRec::key>, KeyHash>>,
-                               PoolAlloc<MiRec>>;
+using MiPoolContainer = bmi::multi_index_container<
+    MiRec, bmi::indexed_by<bmi::sequenced<>, bmi::hashed_unique<bmi::member<MiRec, Key16, &MiRec::key>, KeyHash>>,
+    PoolAlloc<MiRec>>;
 class BoostPoolImpl : public BoostImplT<MiPoolContainer> {
 public:
     explicit BoostPoolImpl(uint32_t keyCount)
@@ -354,8 +368,11 @@ std::map<std::string, uint64_t> g_measuredWrites;  // by container, for instruct
 
 // The measured rounds, one function per container, so that callgrind can collect exactly them
 // (--toggle-collect=RixBenchRound_queue); the warm-up runs outside them.
-#define RIX_BENCH_ROUND_FN(label, Impl)                                          \
-    [[gnu::noinline]] void RixBenchRound_##label(Runner<Impl> &r) { r.Round(); }
+#define RIX_BENCH_ROUND_FN(label, Impl)                           \
+    [[gnu::noinline]] void RixBenchRound_##label(Runner<Impl> &r) \
+    {                                                             \
+        r.Round();                                                \
+    }
 RIX_BENCH_ROUND_FN(queue, QueueImpl)
 RIX_BENCH_ROUND_FN(boost, BoostImpl)
 RIX_BENCH_ROUND_FN(boostpool, BoostPoolImpl)
@@ -387,12 +404,18 @@ void BM_MergeQue(benchmark::State &state)
     std::snprintf(name, sizeof name, "bench_%u", serial++);
     Run<QueueImpl>(state, RixBenchRound_queue, "queue", static_cast<const char *>(name));
 }
-void BM_BoostMultiIndex(benchmark::State &state) { Run<BoostImpl>(state, RixBenchRound_boost, "boost"); }
+void BM_BoostMultiIndex(benchmark::State &state)
+{
+    Run<BoostImpl>(state, RixBenchRound_boost, "boost");
+}
 void BM_BoostMultiIndexPool(benchmark::State &state)
 {
     Run<BoostPoolImpl>(state, RixBenchRound_boostpool, "boostpool");
 }
-void BM_StdMapList(benchmark::State &state) { Run<StdImpl>(state, RixBenchRound_std, "std"); }
+void BM_StdMapList(benchmark::State &state)
+{
+    Run<StdImpl>(state, RixBenchRound_std, "std");
+}
 
 void Args(benchmark::internal::Benchmark *b)
 {

@@ -34,7 +34,7 @@ constexpr ASOrchChanPara ChanRow(uint32_t chanNo, const char (&suffix)[N], uint3
 extern "C" {
 
 // Exported through their declarations in the public header.
-const char *const g_ASChannelName[ASORCH_CHAN_PORT_SLOTS] = {"DAM", "FES", "UP", "EVT",
+const char *const g_ASChannelName[ASORCH_CHAN_PORT_SLOTS] = {"DAM",   "FES",   "UP",    "EVT",
                                                              nullptr, nullptr, nullptr, nullptr};
 
 const ASOrchChanPara g_ASOrchChanParam[ASORCH_CHAN_NUM] = {
@@ -153,5 +153,4 @@ ASORCH_API uint32_t ASOrchRegBaseChan(ASOrchHandle *handle, ASOrchBasePara *para
     }
     return ASORCH_OK;
 }
-
 }

@@ -111,5 +111,4 @@ ASORCH_API uint32_t ASOrchRegThread(ASOrchHandle *handle, ASOrchBasePara *para)
     }
     return ASOrchRegThreadBase(handle, para, rows.data(), ASORCH_THREAD_NUM);
 }
-
 }

@@ -7,12 +7,8 @@ extern "C" {
 
 // "channel" reads the thread mask that "RegThread" stores, so the order is part of the contract.
 const ASOrchBaseStep g_ASOrchBaseStep[ASORCH_BASE_STEP_NUM] = {
-    {"RegThread", ASOrchRegThread},
-    {"ModStateRsp", ASOrchRegModStateRsp},
-    {"SyncGroup", ASOrchRegSyncGrpBase},
-    {"ReservePort", ASOrchReservePort},
-    {"channel", ASOrchRegBaseChan},
-    {"TblMsg", ASOrchRegTblMsg},
+    {"RegThread", ASOrchRegThread},     {"ModStateRsp", ASOrchRegModStateRsp}, {"SyncGroup", ASOrchRegSyncGrpBase},
+    {"ReservePort", ASOrchReservePort}, {"channel", ASOrchRegBaseChan},        {"TblMsg", ASOrchRegTblMsg},
     {"MergeMQue", ASOrchRegMerge},
 };
 
@@ -51,5 +47,4 @@ ASORCH_API uint32_t ASOrchRegBase(ASOrchHandle *handle, ASOrchBasePara *para)
     }
     return ASOrchBaseProc(handle, para);
 }
-
 }

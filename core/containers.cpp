@@ -69,5 +69,4 @@ ASORCH_API uint32_t ASIntHashWalk(ASIntHash *hash, ASIntHashVisitFunc visit, uin
 
 // The hash keeps no release function; its owner returns the block and the nodes.
 ASORCH_API void ASIntHashDelete(ASIntHash *) {}
-
 }

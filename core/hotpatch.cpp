@@ -24,8 +24,8 @@ ASORCH_API void librix_autosync_orch_ResPatchC2hDeactivefunc(void)
     RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "librix_autosync_orch reserved patch c2h deactive.");
 }
 
-ASORCH_API int32_t librix_autosync_orch_PAT_C2HSyncHookFunc(int32_t operCode, uint32_t /* unused */,
-                                                            void *patchDesc, uint32_t *handled)
+ASORCH_API int32_t librix_autosync_orch_PAT_C2HSyncHookFunc(int32_t operCode, uint32_t /* unused */, void *patchDesc,
+                                                            uint32_t *handled)
 {
     if (handled != nullptr) {
         *handled = 0u;
@@ -57,5 +57,4 @@ ASORCH_API int32_t librix_autosync_orch_PAT_C2HSyncHookFunc(int32_t operCode, ui
     }
     return result;
 }
-
 }

@@ -54,7 +54,6 @@ inline ASIntHashNode *ASIntHashFind(const ASIntHash *hash, const uint32_t *key)
 {
     return (hash == nullptr || key == nullptr) ? nullptr : asorch::IntHashFind(hash, *key);
 }
-
 }
 
 #endif

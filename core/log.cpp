@@ -30,5 +30,4 @@ ASORCH_API void RIX_AUTOSYNC_RixLog(uint32_t /* level */, const char *format, ..
     }
     FRM_DiagLogWrite(kLogTag, line);
 }
-
 }

@@ -8,8 +8,7 @@ extern "C" {
 
 ASORCH_API AutoSyncNameHead g_AutoSyncCtrlBlkNameHead = {0u, nullptr};
 
-ASORCH_API uint32_t ASNameCreatCheckValid(const char *name, ASOrchMemAllocFunc memAlloc,
-                                          ASOrchMemFreeFunc memFree)
+ASORCH_API uint32_t ASNameCreatCheckValid(const char *name, ASOrchMemAllocFunc memAlloc, ASOrchMemFreeFunc memFree)
 {
     if (name == nullptr || memAlloc == nullptr || memFree == nullptr) {
         return 0u;
@@ -64,8 +63,7 @@ ASORCH_API uint32_t AutoSyncAddModule(const char *name, ASOrchMemAllocFunc memAl
     // The node is made up on the stack first: there is no release function here, so nothing
     // may fail between the allocation and the link.
     AutoSyncNameNode made;
-    if (memset_s(&made, sizeof(made), 0, sizeof(made)) != 0 ||
-        strcpy_s(made.name, sizeof(made.name), name) != 0) {
+    if (memset_s(&made, sizeof(made), 0, sizeof(made)) != 0 || strcpy_s(made.name, sizeof(made.name), name) != 0) {
         return ASORCH_ERR;
     }
     auto *node = static_cast<AutoSyncNameNode *>(memAlloc(sizeof(AutoSyncNameNode)));
@@ -121,5 +119,4 @@ ASORCH_API uint32_t ASCombineName(char *dst, uint32_t dstSize, const char *first
     }
     return ASORCH_OK;
 }
-
 }

@@ -104,8 +104,7 @@ ASORCH_API uint32_t ASOrchCreateEal(ASOrchHandle *handle)
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, get orch id error", handle->name);
         return ASORCH_ERR;
     }
-    const ASOrchEalCreatePara para = {orchId, handle->ealPara1, handle->ealPara2, handle->memAlloc,
-                                      handle->memFree};
+    const ASOrchEalCreatePara para = {orchId, handle->ealPara1, handle->ealPara2, handle->memAlloc, handle->memFree};
     handle->ealHdl = RIX_EAL_Create(handle->name, asorch::EalRecord(&para));
     if (handle->ealHdl == nullptr) {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Create Orch autosync eal Fail", handle->name);
@@ -215,8 +214,7 @@ ASORCH_API void *ASOrchGetEalHdl(ASOrchHandle *handle)
 ASORCH_API uint32_t ASOrchModInitOk(ASOrchHandle *handle)
 {
     // A null handle has no name to print; the layer then answers for a null instance.
-    RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, Orch auto sync ModInitOk.",
-                        asorch::NameOf(handle));
+    RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, Orch auto sync ModInitOk.", asorch::NameOf(handle));
     return RIX_EAL_ModInitOk(ASOrchGetEalHdl(handle));
 }
 
@@ -230,8 +228,7 @@ ASORCH_API uint32_t ASOrchTimerInit(ASOrchHandle *handle, uintptr_t timerWord1, 
 {
     void *eal = ASOrchGetEalHdl(handle);
     if (eal == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, auto sync timer init Fail, ealHdl is NULL",
-                            asorch::NameOf(handle));
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, auto sync timer init Fail, ealHdl is NULL", asorch::NameOf(handle));
         return ASORCH_ERR;
     }
     const int32_t epFd = RIX_EAL_GetEpollFd(eal, threadId);
@@ -254,8 +251,7 @@ ASORCH_API uint32_t ASOrchSetOndemandParam(ASOrchHandle *handle, ASOrchOndemandP
 }
 
 // The setters take effect only before the "SyncGroup" step reads them.
-ASORCH_API uint32_t ASOrchAdvSetSynGrpVerifyInterVal(ASOrchHandle *handle, uint32_t grpIndex,
-                                                     uint32_t verifyInterVal)
+ASORCH_API uint32_t ASOrchAdvSetSynGrpVerifyInterVal(ASOrchHandle *handle, uint32_t grpIndex, uint32_t verifyInterVal)
 {
     if (handle == nullptr || grpIndex >= ASORCH_SYNCGRP_NUM) {
         return ASORCH_ERR;
@@ -287,5 +283,4 @@ ASORCH_API uint32_t ASOrchAdvSetSynGrpFlowCtrl(ASOrchHandle *handle, uint32_t gr
     adv.flowCtrlValid = 1u;
     return ASORCH_OK;
 }
-
 }

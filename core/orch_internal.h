@@ -8,7 +8,6 @@ extern "C" {
 
 // 1 when both the name and the create parameters are given.
 uint32_t ASOrchCreateParaCheck(const char *name, const ASOrchCreatePara *para);
-
 }
 
 #endif

@@ -91,8 +91,7 @@ int main(void)
     ASOrchDestroy(orch);
 
     PrintLog();
-    printf("allocations %lu, releases %lu, bytes held %lld\n", g_count.allocs, g_count.frees,
-           g_count.liveBytes);
+    printf("allocations %lu, releases %lu, bytes held %lld\n", g_count.allocs, g_count.frees, g_count.liveBytes);
     if (g_count.allocs == 0u || g_count.allocs != g_count.frees || g_count.liveBytes != 0) {
         fprintf(stderr, "minimal_module: the orchestrator did not return all its memory\n");
         failed = 1;

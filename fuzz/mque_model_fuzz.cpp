@@ -29,8 +29,8 @@
 namespace {
 
 constexpr uint32_t kSlots = 3;
-constexpr uint32_t kKeys = 24;          // small: merges and bucket conflicts are common
-constexpr uint32_t kMinData = 12;       // key, serial, merged sum
+constexpr uint32_t kKeys = 24;     // small: merges and bucket conflicts are common
+constexpr uint32_t kMinData = 12;  // key, serial, merged sum
 constexpr uint32_t kMaxOps = 400;
 
 // ---- The module side: the data layout, hash and compare, merge, allocator ----
@@ -41,17 +41,29 @@ uint32_t Word(const uint8_t *p, uint32_t off)
     std::memcpy(&v, p + off, 4);
     return v;
 }
-void SetWord(uint8_t *p, uint32_t off, uint32_t v) { std::memcpy(p + off, &v, 4); }
+void SetWord(uint8_t *p, uint32_t off, uint32_t v)
+{
+    std::memcpy(p + off, &v, 4);
+}
 
-uint32_t HashKey(const void *key) { return Word(static_cast<const uint8_t *>(key), 0) * 2654435761u; }
+uint32_t HashKey(const void *key)
+{
+    return Word(static_cast<const uint8_t *>(key), 0) * 2654435761u;
+}
 uint32_t CmpKey(const void *stored, const void *searched, uint32_t)
 {
     return Word(static_cast<const uint8_t *>(stored), 0) == Word(static_cast<const uint8_t *>(searched), 0) ? 1u : 0u;
 }
-const void *KeyOf(const void *stored) { return stored; }
+const void *KeyOf(const void *stored)
+{
+    return stored;
+}
 
 uint32_t g_dataSize;  // of the queue whose merge runs; set before each write
-void SetMergeSize(uint32_t size) { g_dataSize = size; }
+void SetMergeSize(uint32_t size)
+{
+    g_dataSize = size;
+}
 
 // The module's merge: the writer's sum grows by the pending one, the last byte mixes both,
 // and the pending copy is scribbled on (the queue must overwrite it with the writer's data).
@@ -131,8 +143,8 @@ struct Model {
     uint32_t hashSize = 0;
     bool merge = false;
     bool sched = false;
-    uint32_t schedBatch = 1;          // what the drain reads per wake-up
-    std::list<uint32_t> order;        // keys, oldest first
+    uint32_t schedBatch = 1;    // what the drain reads per wake-up
+    std::list<uint32_t> order;  // keys, oldest first
     std::map<uint32_t, std::pair<Bytes, std::list<uint32_t>::iterator>> pending;
     std::array<uint32_t, MERGEQUE_RSTAT_NUM> rstat{};
     std::array<uint32_t, MERGEQUE_QSTAT_NUM> qstat{};
@@ -141,11 +153,11 @@ struct Model {
     uint32_t low = 0;
     bool overLoad = false;
     bool epollReg = true;
-    uint32_t units = 0;               // eventfd counter
+    uint32_t units = 0;  // eventfd counter
     uint32_t backPressPara = 0;
-    std::vector<uint32_t> wantEvents; // monitor events expected and seen
+    std::vector<uint32_t> wantEvents;  // monitor events expected and seen
     std::vector<uint32_t> gotEvents;
-    std::vector<Bytes> delivered;     // what the drain's reads handed over
+    std::vector<Bytes> delivered;  // what the drain's reads handed over
     std::vector<Bytes> wantDelivered;
 };
 
@@ -169,9 +181,9 @@ struct Plan {
 struct ReadCtx {
     Model *m;
     std::vector<Bytes> *out;
-    uint32_t failEvery;                 // the callback reports failure for every n-th entry (0: never)
+    uint32_t failEvery;  // the callback reports failure for every n-th entry (0: never)
     uint32_t n;
-    const std::vector<Plan> *plans;     // plans[i]: the write made by the (i+1)-th callback
+    const std::vector<Plan> *plans;  // plans[i]: the write made by the (i+1)-th callback
 };
 
 void SetMergeSize(uint32_t size);
@@ -213,7 +225,10 @@ uint32_t SchedProc(MergeQueCb *q)
 }
 
 // Model steps shared by the operations.
-void ModelCount(Model &m, uint32_t id, uint32_t n = 1) { m.rstat[id] += n; }
+void ModelCount(Model &m, uint32_t id, uint32_t n = 1)
+{
+    m.rstat[id] += n;
+}
 
 void ModelMonitorWrite(Model &m)
 {
@@ -233,7 +248,10 @@ void ModelMonitorRemove(Model &m)
     }
 }
 
-uint32_t Bucket(const Model &m, uint32_t key) { return HashKey(&key) % m.hashSize; }
+uint32_t Bucket(const Model &m, uint32_t key)
+{
+    return HashKey(&key) % m.hashSize;
+}
 
 void ModelNewWrite(Model &m, uint32_t key, const Bytes &data)
 {
@@ -349,8 +367,7 @@ void Check(uint32_t s)
     }
     Expect((q->overLoad != 0u) == m.overLoad, "overLoad", s, q->overLoad, m.overLoad);
     Expect((q->reader.epollReg != 0u) == m.epollReg, "epollReg", s, q->reader.epollReg, m.epollReg);
-    Expect(q->reader.backPressPara == m.backPressPara, "backPressPara", s, q->reader.backPressPara,
-           m.backPressPara);
+    Expect(q->reader.backPressPara == m.backPressPara, "backPressPara", s, q->reader.backPressPara, m.backPressPara);
     Expect(m.gotEvents == m.wantEvents, "monitor events", s, m.gotEvents.size(), m.wantEvents.size());
     Expect(m.delivered == m.wantDelivered, "drained entries", s, m.delivered.size(), m.wantDelivered.size());
 }
@@ -386,28 +403,52 @@ void OpCreate(FuzzedDataProvider &in, uint32_t s)
         return;
     }
     const char *name = kNames[in.ConsumeIntegralInRange<uint32_t>(0, 3)];
-    MergeQueCreatePara para{Alloc, Free, 0u, kMinData + in.ConsumeIntegralInRange<uint32_t>(0, 52),
-                            1u + in.ConsumeIntegralInRange<uint32_t>(0, 7), HashKey, CmpKey, EpollSet(), KeyOf,
-                            nullptr, nullptr};
+    MergeQueCreatePara para{Alloc,
+                            Free,
+                            0u,
+                            kMinData + in.ConsumeIntegralInRange<uint32_t>(0, 52),
+                            1u + in.ConsumeIntegralInRange<uint32_t>(0, 7),
+                            HashKey,
+                            CmpKey,
+                            EpollSet(),
+                            KeyOf,
+                            nullptr,
+                            nullptr};
     const bool merge = in.ConsumeBool();
     const bool sched = in.ConsumeBool();
     para.mergeFunc = merge ? MergeFn : nullptr;
     para.schedProc = sched ? SchedProc : nullptr;
     // Invalid parameters and failures of the platform: no queue, nothing held.
     bool valid = true;
-    static const char *const kFailOps[] = {"LITE_HASH_CreateWithLock", "eventfd_s", "RIX_EPOLL_Add", "strcpy_s",
-                                           "memset_s", "ZUL_AVL3_Insert_Or_Find"};
+    static const char *const kFailOps[] =
+        {"LITE_HASH_CreateWithLock", "eventfd_s", "RIX_EPOLL_Add", "strcpy_s", "memset_s", "ZUL_AVL3_Insert_Or_Find"};
     switch (in.ConsumeIntegralInRange<uint32_t>(0, 15)) {
-        case 0: para.hashSize = 0; valid = false; break;
-        case 1: para.dataSize = UINT16_MAX; valid = false; break;
-        case 2: para.epFd = -1; valid = false; break;
-        case 3: para.cmpFunc = nullptr; valid = false; break;
-        case 4: para.memFree = nullptr; valid = false; break;
+        case 0:
+            para.hashSize = 0;
+            valid = false;
+            break;
+        case 1:
+            para.dataSize = UINT16_MAX;
+            valid = false;
+            break;
+        case 2:
+            para.epFd = -1;
+            valid = false;
+            break;
+        case 3:
+            para.cmpFunc = nullptr;
+            valid = false;
+            break;
+        case 4:
+            para.memFree = nullptr;
+            valid = false;
+            break;
         case 5:
             RIX_TEST_FailNth(kFailOps[in.ConsumeIntegralInRange<uint32_t>(0, 5)], 1);
             valid = false;
             break;
-        default: break;
+        default:
+            break;
     }
     bool taken = false;
     for (const Model &o : g_slot) {
@@ -469,8 +510,8 @@ void OpWrite(FuzzedDataProvider &in, uint32_t s, bool direct)
     const uint32_t keyWord = key;  // the key apart from the data, as the orchestrator hands it
     Bytes buf = data;
     SetMergeSize(m.dataSize);
-    const uint32_t ret =
-        direct ? RIX_MergeQueNewWrite(m.q, &keyWord, buf.data()) : RIX_MergeQueWrite(m.q, &keyWord, buf.data(), moveTail);
+    const uint32_t ret = direct ? RIX_MergeQueNewWrite(m.q, &keyWord, buf.data())
+                                : RIX_MergeQueWrite(m.q, &keyWord, buf.data(), moveTail);
     if (inject) {
         RIX_TEST_Reset();
         RIX_TEST_LogCapture(1);
@@ -594,8 +635,8 @@ void OpUnBackPress(FuzzedDataProvider &in, uint32_t s)
 void OpMonitor(FuzzedDataProvider &in, uint32_t s)
 {
     Model &m = g_slot[s];
-    MergeQueMonitorAttr attr{in.ConsumeIntegralInRange<uint32_t>(0, 12), in.ConsumeIntegralInRange<uint32_t>(0, 12),
-                             &m, in.ConsumeIntegralInRange<uint32_t>(0, 7) == 0 ? nullptr : Notify};
+    MergeQueMonitorAttr attr{in.ConsumeIntegralInRange<uint32_t>(0, 12), in.ConsumeIntegralInRange<uint32_t>(0, 12), &m,
+                             in.ConsumeIntegralInRange<uint32_t>(0, 7) == 0 ? nullptr : Notify};
     const bool ok = attr.highWater > attr.lowWater && attr.flowCtrlNotify != nullptr;
     const uint32_t ret = RIX_MergeQueMonitorReg(m.q, &attr);
     Expect(ret == (ok ? ASORCH_OK : ASORCH_ERR), "monitor registration", s, ret, ok);

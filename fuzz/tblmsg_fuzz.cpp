@@ -32,8 +32,14 @@ void Touch(const void *p, uint64_t n)
     g_sink = g_sink + s;
 }
 
-void *Alloc(uint32_t n) { return std::malloc(n == 0 ? 1 : n); }
-void Free(void *p) { std::free(p); }
+void *Alloc(uint32_t n)
+{
+    return std::malloc(n == 0 ? 1 : n);
+}
+void Free(void *p)
+{
+    std::free(p);
+}
 
 uint32_t TblProc(ASOrchHandle *, void *tables, uint32_t nums, uint32_t size, ASOrchTblProcInfo *info)
 {
@@ -74,7 +80,10 @@ void Unpack(void *data, uint32_t len, ASOrchUnpackResult *result, ASOrchMsg *)
     result->ipcNum = (len - 12) / kRec;
     result->ipcBuf = static_cast<uint8_t *>(data) + 12;
 }
-void UnpackFree(ASOrchUnpackResult *result) { result->ipcNum = 0; }
+void UnpackFree(ASOrchUnpackResult *result)
+{
+    result->ipcNum = 0;
+}
 
 uint32_t KeyHash(const void *key)
 {
@@ -88,13 +97,13 @@ uint32_t KeyHash(const void *key)
 
 ASOrchTblMsgRecvReg g_recv[] = {
     // mergeMsgId, msgId, opType, unpack, free, ipcSize, mergeType, userDef, mergeOpType, keySize
-    {kMergeMsgId, 1, 0, nullptr, nullptr, kRec, 4, nullptr, 0, 4},            // immediate, DAM
-    {kMergeMsgId, 2, 0, nullptr, nullptr, kRec, 7, UserProc, 0, 4},           // user-defined
-    {kMergeMsgId, 3, 1, Unpack, UnpackFree, kRec, 0, nullptr, 1, 4},          // serial, DAM queue
-    {kMergeMsgId, 4, 0, nullptr, nullptr, 8, 3, nullptr, 0, 8},               // FES queue, to tail
-    {kMergeMsgId, 5, 0, nullptr, nullptr, kRec, 0, nullptr, 0, 20},           // key beyond record
-    {kMergeMsgId, 6, 0, nullptr, nullptr, 0, 0, nullptr, 0, 0},               // no record size
-    {kMergeMsgId, 0, 1, Unpack, nullptr, kRec, 0, nullptr, 1, 4},             // serial without a release
+    {kMergeMsgId, 1, 0, nullptr, nullptr, kRec, 4, nullptr, 0, 4},    // immediate, DAM
+    {kMergeMsgId, 2, 0, nullptr, nullptr, kRec, 7, UserProc, 0, 4},   // user-defined
+    {kMergeMsgId, 3, 1, Unpack, UnpackFree, kRec, 0, nullptr, 1, 4},  // serial, DAM queue
+    {kMergeMsgId, 4, 0, nullptr, nullptr, 8, 3, nullptr, 0, 8},       // FES queue, to tail
+    {kMergeMsgId, 5, 0, nullptr, nullptr, kRec, 0, nullptr, 0, 20},   // key beyond record
+    {kMergeMsgId, 6, 0, nullptr, nullptr, 0, 0, nullptr, 0, 0},       // no record size
+    {kMergeMsgId, 0, 1, Unpack, nullptr, kRec, 0, nullptr, 1, 4},     // serial without a release
 };
 ASOrchTblMsgTransReg g_dam[] = {
     // tableId, tblSize, smoothPreProc, smoothProc, procParam, tblMsgProc

@@ -18,7 +18,7 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using Rng = std::minstd_rand;
 
-constexpr uint32_t kHdr = 8;       // body header, not interpreted
+constexpr uint32_t kHdr = 8;  // body header, not interpreted
 constexpr uint32_t kTlvHdr = 12;
 constexpr uint32_t kItemHdr = 12;
 
@@ -33,9 +33,15 @@ void Put(Bytes &b, uint32_t v)
     const auto *p = reinterpret_cast<const uint8_t *>(&v);
     b.insert(b.end(), p, p + 4);
 }
-void Set(uint8_t *p, uint32_t v) { std::memcpy(p, &v, 4); }
+void Set(uint8_t *p, uint32_t v)
+{
+    std::memcpy(p, &v, 4);
+}
 
-uint32_t Pick(Rng &rng, uint32_t n) { return static_cast<uint32_t>(rng() % n); }
+uint32_t Pick(Rng &rng, uint32_t n)
+{
+    return static_cast<uint32_t>(rng() % n);
+}
 template <typename T, size_t N>
 T PickOf(Rng &rng, const T (&a)[N])
 {
@@ -45,21 +51,39 @@ T PickOf(Rng &rng, const T (&a)[N])
 // What tblmsg_fuzz.cpp registers.
 const uint32_t kDamTables[] = {10, 11, 12, 13};
 const uint32_t kFesTables[] = {20, 21, 22};
-bool IsFes(uint32_t table) { return table >= 20 && table <= 22; }
+bool IsFes(uint32_t table)
+{
+    return table >= 20 && table <= 22;
+}
 uint32_t TblSize(uint32_t table)
 {
     switch (table) {
-        case 10: return 8;
-        case 12: return 24;
-        case 13: return 4;
-        case 20: return 4;
-        case 22: return 16;
-        default: return 0;
+        case 10:
+            return 8;
+        case 12:
+            return 24;
+        case 13:
+            return 4;
+        case 20:
+            return 4;
+        case 22:
+            return 16;
+        default:
+            return 0;
     }
 }
-bool IsPlain(uint32_t type) { return type == 1 || type == 2; }
-bool IsComposite(uint32_t type) { return type == 18 || type == 19; }
-bool IsSmooth(uint32_t type) { return !IsPlain(type) && !IsComposite(type); }
+bool IsPlain(uint32_t type)
+{
+    return type == 1 || type == 2;
+}
+bool IsComposite(uint32_t type)
+{
+    return type == 18 || type == 19;
+}
+bool IsSmooth(uint32_t type)
+{
+    return !IsPlain(type) && !IsComposite(type);
+}
 
 struct SmoothType {
     uint32_t opt;
@@ -74,9 +98,12 @@ const SmoothType kSmoothTypes[] = {{7, 16},  {8, 16},  {9, 32},  {10, 28},  {11,
 uint32_t RecSize(uint32_t id)
 {
     switch (id) {
-        case 4: return 8;
-        case 6: return 0;
-        default: return 16;
+        case 4:
+            return 8;
+        case 6:
+            return 0;
+        default:
+            return 16;
     }
 }
 
@@ -265,13 +292,16 @@ struct Msg {
     std::vector<Tlv> tlvs;
     Bytes tail;  // after the last TLV that fits
     // Recv messages.
-    uint32_t opType = 0;      // serial form only
+    uint32_t opType = 0;  // serial form only
     bool serial = false;
     std::vector<Bytes> recs;
-    Bytes stray;              // bytes that make no whole record
+    Bytes stray;  // bytes that make no whole record
 };
 
-bool IsTrans(uint8_t sel) { return (sel & 0x80u) != 0; }
+bool IsTrans(uint8_t sel)
+{
+    return (sel & 0x80u) != 0;
+}
 
 Msg Decode(const uint8_t *data, size_t size)
 {
@@ -371,8 +401,18 @@ void Corrupt(Rng &rng, Bytes &out, const std::vector<LenField> &lens)
         return;
     }
     const LenField f = lens[Pick(rng, static_cast<uint32_t>(lens.size()))];
-    const uint32_t choices[] = {f.value + 1, f.value - 1, 0u, 11u, 12u, 0xFFFFFFFFu, 0x7FFFFFFFu, 0x80000000u,
-                                0xFFFFFFF4u, f.value + 12, f.value + 1 + Pick(rng, 11), static_cast<uint32_t>(rng())};
+    const uint32_t choices[] = {f.value + 1,
+                                f.value - 1,
+                                0u,
+                                11u,
+                                12u,
+                                0xFFFFFFFFu,
+                                0x7FFFFFFFu,
+                                0x80000000u,
+                                0xFFFFFFF4u,
+                                f.value + 12,
+                                f.value + 1 + Pick(rng, 11),
+                                static_cast<uint32_t>(rng())};
     Set(&out[f.off], PickOf(rng, choices));
 }
 
@@ -389,7 +429,8 @@ void MutateTrans(Rng &rng, Msg &m, size_t maxSize)
             }
             const uint32_t types[] = {0, 1, 2, 1, 2, 3, 5, 17, 18, 19, 20, 0xFFFFFFFFu};
             const uint32_t type = PickOf(rng, types);
-            v.insert(v.begin() + Pick(rng, static_cast<uint32_t>(v.size() + 1)), {table, type, NewValue(rng, table, type)});
+            v.insert(v.begin() + Pick(rng, static_cast<uint32_t>(v.size() + 1)),
+                     {table, type, NewValue(rng, table, type)});
             break;
         }
         case 2:

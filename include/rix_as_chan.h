@@ -25,10 +25,10 @@ ASORCH_EXTERN_C_BEGIN
 
 /* One chanPort slot of the base parameters. */
 typedef struct ASOrchChanPort {
-    uint32_t realServerPort;  /* 0: channel not wanted, but at least one of slots 0 to 3
-                               * must be non-zero; a port in slots 4 to 7 is refused;
-                               * low 16 bits used */
-    uint32_t chanArg;         /* handed to the layer unchanged */
+    uint32_t realServerPort; /* 0: channel not wanted, but at least one of slots 0 to 3
+                              * must be non-zero; a port in slots 4 to 7 is refused;
+                              * low 16 bits used */
+    uint32_t chanArg;        /* handed to the layer unchanged */
 } ASOrchChanPort;
 
 typedef uint32_t (*ASOrchChanServerIpFunc)(void);
@@ -45,7 +45,7 @@ typedef struct ASOrchChanPara {
     ASOrchChanServerIpFunc serverIpFunc;
     uint32_t word22;
     uint32_t rsv23;
-    uint16_t serverPort;      /* network byte order */
+    uint16_t serverPort; /* network byte order */
     uint16_t rsv24;
     uint32_t rsv25[2];
     uint32_t word27;
@@ -88,8 +88,7 @@ ASORCH_API const char *ASGetChnlName(uint32_t chanNo);
  * slot %u has no channel." for a port in slots 4 to 7, or when the layer refuses a channel. */
 ASORCH_API uint32_t ASOrchRegBaseChan(ASOrchHandle *handle, struct ASOrchBasePara *para);
 /* Registers one channel from a copy of row (name prefixed, port filled in). */
-ASORCH_API uint32_t ASOrchRegChannel(ASOrchHandle *handle, const ASOrchChanPort *port,
-                                     const ASOrchChanPara *row);
+ASORCH_API uint32_t ASOrchRegChannel(ASOrchHandle *handle, const ASOrchChanPort *port, const ASOrchChanPara *row);
 /* Puts the module name in front of a 32-byte channel name, in place; nameLen is not used. */
 ASORCH_API uint32_t ASOrchChanAddNamePrefix(ASOrchHandle *handle, uint32_t nameLen, char *chanName);
 /* Fills a channel record from its slot: the port (network byte order), chanArg, the
@@ -106,8 +105,8 @@ ASORCH_API uint32_t ASOrchThreadSet(uint32_t *mask, uint32_t count, uint32_t fir
 ASORCH_API uint32_t ASOrchRegThread(ASOrchHandle *handle, struct ASOrchBasePara *para);
 /* The parts of "RegThread": thread names, then the registration of count rows. */
 ASORCH_API uint32_t ASOrchSetThreadName(ASOrchHandle *handle, ASOrchThreadCfg *rows, uint32_t count);
-ASORCH_API uint32_t ASOrchRegThreadBase(ASOrchHandle *handle, struct ASOrchBasePara *para,
-                                        ASOrchThreadCfg *rows, uint32_t count);
+ASORCH_API uint32_t ASOrchRegThreadBase(ASOrchHandle *handle, struct ASOrchBasePara *para, ASOrchThreadCfg *rows,
+                                        uint32_t count);
 
 ASORCH_EXTERN_C_END
 

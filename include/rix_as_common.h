@@ -101,8 +101,7 @@ typedef void (*ASOrchMemFreeFunc)(void *ptr);
 /* Formats one line (at most 255 characters; a longer line is dropped whole, not cut) and
  * hands it to the platform's diagnostic log under the tag "AUTOSYNC_ORCH". The level is not
  * passed on. Any thread. */
-ASORCH_API void RIX_AUTOSYNC_RixLog(uint32_t level, const char *format, ...)
-    __attribute__((format(printf, 2, 3)));
+ASORCH_API void RIX_AUTOSYNC_RixLog(uint32_t level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 ASORCH_EXTERN_C_END
 

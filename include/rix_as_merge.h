@@ -19,9 +19,9 @@ ASORCH_EXTERN_C_BEGIN
 #define ASORCH_OPTYPE_AGEINFO 3u
 
 typedef struct ASOrchMergeRule {
-    uint32_t oldOpType;     /* the pending vector's */
-    uint32_t newOpType;     /* the arriving vector's */
-    uint32_t mergedOpType;  /* what the arriving vector takes */
+    uint32_t oldOpType;    /* the pending vector's */
+    uint32_t newOpType;    /* the arriving vector's */
+    uint32_t mergedOpType; /* what the arriving vector takes */
 } ASOrchMergeRule;
 
 /* Row i stands at index oldOpType * 2 + newOpType. What the surviving vector carries:
@@ -57,8 +57,8 @@ ASORCH_API void ASOrchPubMergeNotify(ASOrchMsgVec *arriving, ASOrchMsgVec *pendi
 typedef uint32_t (*ASOrchMergeMsgProc)(ASOrchHandle *handle, ASOrchMsgVec *vec);
 
 typedef struct ASOrchMergeMsg {
-    uint32_t msgId;   /* the vectors' msgId: a receive registration's mergeMsgId */
-    ASOrchMergeMsgProc msgProc[ASORCH_OPTYPE_NUM];  /* by opType; null: that opType fails */
+    uint32_t msgId;                                /* the vectors' msgId: a receive registration's mergeMsgId */
+    ASOrchMergeMsgProc msgProc[ASORCH_OPTYPE_NUM]; /* by opType; null: that opType fails */
 } ASOrchMergeMsg;
 
 /* Merge-queue registration of one channel (DAM, FES). The channel is built only when
@@ -74,12 +74,12 @@ typedef struct ASOrchMergeMsg {
  * highWater must exceed lowWater (defaults included: a highWater of 8192 or less needs an
  * explicit lowWater), else step "MergeMQue" fails. */
 typedef struct ASOrchMergeReg {
-    ASOrchMergeMsg *mergeMsg;   /* copied at registration; msgIds unique per channel */
+    ASOrchMergeMsg *mergeMsg; /* copied at registration; msgIds unique per channel */
     uint32_t mergeMsgNum;
-    uint32_t hashSize;      /* 0: 8192 */
-    MergeQueHashFunc hashFunc;  /* required, see above */
-    uint32_t highWater;     /* 0: 65536 */
-    uint32_t lowWater;      /* 0: 8192 */
+    uint32_t hashSize;         /* 0: 8192 */
+    MergeQueHashFunc hashFunc; /* required, see above */
+    uint32_t highWater;        /* 0: 65536 */
+    uint32_t lowWater;         /* 0: 8192 */
 } ASOrchMergeReg;
 
 #define ASORCH_MERGE_CHAN_DAM 0u
@@ -98,7 +98,7 @@ typedef struct ASOrchMergeHandle {
     int32_t epFd;
     MergeQueCb *mqueHandle;
     uint32_t hashSize;
-    ASIntHash *mergeMsgHash;  /* ASOrchMergeMsg by msgId */
+    ASIntHash *mergeMsgHash; /* ASOrchMergeMsg by msgId */
 } ASOrchMergeHandle;
 
 /* A node of mergeMsgHash: the hash link, then the registration (msgId is the key). */
@@ -110,8 +110,7 @@ typedef struct ASOrchMergeMsgNode {
 ASORCH_LAYOUT_ASSERT(sizeof(ASOrchMergeMsg) == 20, "merge message is an id and four functions");
 ASORCH_LAYOUT_ASSERT(sizeof(ASOrchMergeReg) == 24, "merge registration is six words");
 ASORCH_LAYOUT_ASSERT(sizeof(ASOrchMergeHandle) == 16, "merge handle entry is four words");
-ASORCH_LAYOUT_ASSERT(offsetof(ASOrchMergeMsgNode, msg) == offsetof(ASIntHashNode, key),
-                     "the msgId is the hash key");
+ASORCH_LAYOUT_ASSERT(offsetof(ASOrchMergeMsgNode, msg) == offsetof(ASIntHashNode, key), "the msgId is the hash key");
 
 /* Base-registration step "MergeMQue" and its parts: for each valid registration (DAM, then
  * FES) a message table and a queue named "<module>_DAM" / "<module>_FES" whose reader is the
@@ -120,23 +119,19 @@ ASORCH_LAYOUT_ASSERT(offsetof(ASOrchMergeMsgNode, msg) == offsetof(ASIntHashNode
 struct ASOrchBasePara;
 ASORCH_API uint32_t ASOrchRegMerge(ASOrchHandle *handle, struct ASOrchBasePara *para);
 ASORCH_API uint32_t ASOrchMergeIsValid(const ASOrchMergeReg *reg);
-ASORCH_API ASOrchMergeHandle *ASOrchCreatMergeHandle(ASOrchHandle *handle, const ASOrchMergeReg *reg,
-                                                     uint32_t chan);
+ASORCH_API ASOrchMergeHandle *ASOrchCreatMergeHandle(ASOrchHandle *handle, const ASOrchMergeReg *reg, uint32_t chan);
 ASORCH_API ASOrchMergeHandle *ASOrchAllocMergeHandle(ASOrchHandle *handle);
-ASORCH_API uint32_t ASOrchInitMergeHandle(ASOrchMergeHandle *entry, const ASOrchMergeReg *reg,
-                                          ASOrchHandle *handle);
-ASORCH_API uint32_t ASOrchInitMergeMsg(ASOrchMergeHandle *entry, const ASOrchMergeReg *reg,
-                                       ASOrchHandle *handle);
-ASORCH_API uint32_t ASOrchCreatMergeMsgHashTable(ASIntHash *hash, const ASOrchMergeReg *reg,
-                                                 ASOrchHandle *handle);
+ASORCH_API uint32_t ASOrchInitMergeHandle(ASOrchMergeHandle *entry, const ASOrchMergeReg *reg, ASOrchHandle *handle);
+ASORCH_API uint32_t ASOrchInitMergeMsg(ASOrchMergeHandle *entry, const ASOrchMergeReg *reg, ASOrchHandle *handle);
+ASORCH_API uint32_t ASOrchCreatMergeMsgHashTable(ASIntHash *hash, const ASOrchMergeReg *reg, ASOrchHandle *handle);
 ASORCH_API uint32_t ASOrchCreatMergeQueAndFlowCtl(ASOrchHandle *handle, ASOrchMergeHandle *entry,
                                                   const ASOrchMergeReg *reg, uint32_t chan);
 ASORCH_API uint32_t ASOrchRegMQue(ASOrchHandle *handle, ASOrchMergeHandle *entry, const ASOrchMergeReg *reg,
                                   uint32_t chan);
 ASORCH_API MergeQueCb *ASOrchCreatMergeQueue(ASOrchHandle *handle, const char *queName, int32_t epFd,
                                              const ASOrchMergeReg *reg, uint32_t chan);
-ASORCH_API uint32_t ASOrchRegMQueFlowCtl(ASOrchHandle *handle, ASOrchMergeHandle *entry,
-                                         const ASOrchMergeReg *reg, uint32_t chan);
+ASORCH_API uint32_t ASOrchRegMQueFlowCtl(ASOrchHandle *handle, ASOrchMergeHandle *entry, const ASOrchMergeReg *reg,
+                                         uint32_t chan);
 ASORCH_API void ASOrchMQueCfgFlowCtl(MergeQueMonitorAttr *attr, const ASOrchMergeReg *reg, uint32_t chan);
 
 /* Water-mark reactions: evtType 0 high water, 1 low water; notifyPara is the handle. On a

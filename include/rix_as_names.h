@@ -51,8 +51,7 @@ ASORCH_LAYOUT_ASSERT(sizeof(ASIntHashNode) == 8, "hash node is a link and a key"
 ASORCH_LAYOUT_ASSERT(sizeof(ASIntHash) == 4, "bucket heads follow the count word");
 
 /* 1 when the name is shorter than 16 characters and both functions are non-null. */
-ASORCH_API uint32_t ASNameCreatCheckValid(const char *name, ASOrchMemAllocFunc memAlloc,
-                                          ASOrchMemFreeFunc memFree);
+ASORCH_API uint32_t ASNameCreatCheckValid(const char *name, ASOrchMemAllocFunc memAlloc, ASOrchMemFreeFunc memFree);
 /* 1 when the name is registered. */
 ASORCH_API uint32_t AutoSyncNameExisted(const char *name);
 /* Adds a node from memAlloc at the front; 1 when the name exists or the node cannot be had. */

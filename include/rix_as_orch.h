@@ -10,7 +10,7 @@
 
 ASORCH_EXTERN_C_BEGIN
 
-#define ASORCH_NAME_SIZE 16u  /* module names have at most 15 characters */
+#define ASORCH_NAME_SIZE 16u /* module names have at most 15 characters */
 
 /* Create parameters: five words. ealPara1, ealPara2 and memPtNo are the platform's and pass
  * unchanged to the abstraction layer and to the merge queues' hash service; memAlloc and
@@ -39,7 +39,7 @@ typedef struct ASOrchOndemandPara {
 /* The module's overrides of one logical sync group, set with the ASOrchAdvSetSynGrp* setters
  * before ASOrchRegBase (step "SyncGroup" reads them once). */
 typedef struct ASOrchSynGrpAdvPara {
-    uint32_t verifyInterVal;          /* 0: keep the default */
+    uint32_t verifyInterVal;            /* 0: keep the default */
     ASOrchSyncGrpNotifyFunc notifyFunc; /* null: keep the default */
     uint32_t flowCtrlValid;
     ASOrchSynGrpFlowCtrl flowCtrl;
@@ -48,7 +48,7 @@ typedef struct ASOrchSynGrpAdvPara {
 struct ASOrchMergeHandle;
 
 struct ASOrchHandle {
-    char name[ASORCH_NAME_SIZE];  /* first: the handle stands for its name */
+    char name[ASORCH_NAME_SIZE]; /* first: the handle stands for its name */
     uint32_t ealPara1;
     uint32_t memPtNo;
     uint32_t ealPara2;
@@ -56,7 +56,7 @@ struct ASOrchHandle {
     ASOrchMemFreeFunc memFree;
     void *ealHdl;
     ASOrchSyncGrpRes *syncGrpRes;
-    struct ASOrchMergeHandle *mergeHandle;  /* two entries: DAM, FES */
+    struct ASOrchMergeHandle *mergeHandle; /* two entries: DAM, FES */
     uint32_t threadMask;
     void *tblMsgRecvHash;
     void *tblMsgTransHash;
@@ -144,8 +144,7 @@ ASORCH_API uint32_t ASOrchSetOndemandParam(ASOrchHandle *handle, ASOrchOndemandP
  * They take effect only when made before ASOrchRegBase. A verifyInterVal of 0 or a null
  * notifyFunc keeps the default; a flow-control record is copied and replaces group 0's
  * default, or gives one of groups 1 to 3 (when selected) its own. */
-ASORCH_API uint32_t ASOrchAdvSetSynGrpVerifyInterVal(ASOrchHandle *handle, uint32_t grpIndex,
-                                                     uint32_t verifyInterVal);
+ASORCH_API uint32_t ASOrchAdvSetSynGrpVerifyInterVal(ASOrchHandle *handle, uint32_t grpIndex, uint32_t verifyInterVal);
 ASORCH_API uint32_t ASOrchAdvSetSynGrpNotifyFunc(ASOrchHandle *handle, uint32_t grpIndex,
                                                  ASOrchSyncGrpNotifyFunc notifyFunc);
 ASORCH_API uint32_t ASOrchAdvSetSynGrpFlowCtrl(ASOrchHandle *handle, uint32_t grpIndex,

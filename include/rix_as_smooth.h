@@ -14,7 +14,7 @@ ASORCH_EXTERN_C_BEGIN
 
 /* Header of one smoothing item; length counts the header and the payload words behind it. */
 typedef struct ASOrchSmoothItem {
-    uint32_t optType;  /* handler slot, below ASORCH_SMOOTH_SLOT_NUM */
+    uint32_t optType; /* handler slot, below ASORCH_SMOOTH_SLOT_NUM */
     uint32_t length;
     uint32_t tableId;
 } ASOrchSmoothItem;
@@ -38,7 +38,7 @@ typedef struct ASOrchSmoothItem {
 typedef struct ASOrchClassStateRec {
     uint32_t tableId;
     uint32_t srcPid;
-    uint8_t flag;      /* always 0 */
+    uint8_t flag; /* always 0 */
     uint8_t rsv[3];
 } ASOrchClassStateRec;
 
@@ -58,7 +58,7 @@ typedef struct ASOrchVrfClassDataRec {
     uint32_t word4;
     uint32_t word5;
     uint32_t word6;
-    uint8_t flag;      /* always 0 */
+    uint8_t flag; /* always 0 */
     uint8_t rsv[3];
 } ASOrchVrfClassDataRec;
 
@@ -71,7 +71,7 @@ typedef struct ASOrchPidStateRec {
 typedef struct ASOrchLrClassRec {
     uint32_t tableId;
     uint32_t word3;
-    uint8_t flag;      /* always 0 */
+    uint8_t flag; /* always 0 */
     uint8_t rsv[3];
 } ASOrchLrClassRec;
 

@@ -43,9 +43,9 @@ typedef struct ASOrchSyncGrpRes {
 
 /* An element of ASOrchMergeSyncGrpDatas. */
 typedef struct ASOrchSyncGrpData {
-    void *data;       /* the record: key (its first keyLen bytes) and data of the vector */
-    uint32_t info;    /* the caller's; not read or written */
-    uint32_t result;  /* set by the call: 0, or 0x10004 when the record failed */
+    void *data;      /* the record: key (its first keyLen bytes) and data of the vector */
+    uint32_t info;   /* the caller's; not read or written */
+    uint32_t result; /* set by the call: 0, or 0x10004 when the record failed */
 } ASOrchSyncGrpData;
 
 ASORCH_LAYOUT_ASSERT(sizeof(ASOrchSynGrpFlowCtrl) == 48, "flow control is twelve words");
@@ -70,8 +70,8 @@ ASORCH_API uint32_t ASOrchRegSyncGrpBase(ASOrchHandle *handle, struct ASOrchBase
 ASORCH_API uint32_t ASOrchMallocGrpRes(ASOrchHandle *handle);
 ASORCH_API void ASOrchFreeGrpRes(ASOrchHandle *handle);
 ASORCH_API uint32_t ASOrchSyncGrpSetBase(ASOrchHandle *handle, struct ASOrchBasePara *para);
-ASORCH_API uint32_t ASOrchSetBaseSynGrpPara(ASOrchHandle *handle, struct ASOrchBasePara *para,
-                                            ASOrchSyncGrpPara **rows, uint32_t *count);
+ASORCH_API uint32_t ASOrchSetBaseSynGrpPara(ASOrchHandle *handle, struct ASOrchBasePara *para, ASOrchSyncGrpPara **rows,
+                                            uint32_t *count);
 /* A new block of four rows from the module's allocator; the caller releases it. */
 ASORCH_API ASOrchSyncGrpPara *ASOrchGetBaseSynGrpPara(ASOrchHandle *handle, struct ASOrchBasePara *para);
 ASORCH_API void ASOrchSetUserDefSyncGrpPara(ASOrchHandle *handle, ASOrchSyncGrpPara rows[ASORCH_SYNCGRP_NUM]);
@@ -106,8 +106,8 @@ ASORCH_API uint32_t ASOrchSyncMsgToGrp(ASOrchHandle *handle, uint32_t offset, vo
  * dataLen, version) as the caller set them, then ASOrchMsgMerge(handle, mergeType, vec).
  * Each item's result is 0, or 0x10004 with a log line; a failure does not stop the loop.
  * Writes into a merge queue: on the DATA thread, or serialised with it. */
-ASORCH_API void ASOrchMergeSyncGrpDatas(uint32_t count, ASOrchSyncGrpData *items, ASOrchMsgVec *vec,
-                                        uint32_t mergeType, ASOrchHandle *handle);
+ASORCH_API void ASOrchMergeSyncGrpDatas(uint32_t count, ASOrchSyncGrpData *items, ASOrchMsgVec *vec, uint32_t mergeType,
+                                        ASOrchHandle *handle);
 
 ASORCH_EXTERN_C_END
 

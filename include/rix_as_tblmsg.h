@@ -20,9 +20,9 @@ ASORCH_EXTERN_C_BEGIN
  * The body of a transfer message: 8-byte header, the TLV area length (u32 at offset 8, at
  * least 12), then ASOrchTransTlv records back to back. All integers in host byte order. */
 typedef struct ASOrchMsg {
-    void *data;     /* the body */
+    void *data; /* the body */
     uint32_t msgId;
-    uint32_t len;   /* body length, header included */
+    uint32_t len; /* body length, header included */
 } ASOrchMsg;
 
 /* The unit the merge layer stores, merges and dispatches: one record. Two vectors have the
@@ -31,15 +31,15 @@ typedef struct ASOrchMsg {
  * layer copies key and data into one block before it queues one, and releases that block
  * after msgProc returns. In msgProc the vector and its block are valid during the call only. */
 typedef struct ASOrchMsgVec {
-    uint32_t msgId;    /* the receive registration's mergeMsgId */
-    uint32_t opType;   /* 0 to 3: 0 add/set, 1 delete, 2 delete then set (made only by a
-                        * merge), 3 age information (never merged); see g_ASOrchMergeRules */
-    void *key;         /* the record's first keyLen bytes */
-    uint32_t keyLen;   /* the registration's keySize; 0 is refused by the merge layer */
-    void *data;        /* the whole record */
-    uint32_t dataLen;  /* the registration's ipcSize */
-    uint32_t version;  /* the registration's version; vectors of different versions never merge */
-    void *usrData;     /* the handle that owns a stored copy; null in a vector not stored */
+    uint32_t msgId;   /* the receive registration's mergeMsgId */
+    uint32_t opType;  /* 0 to 3: 0 add/set, 1 delete, 2 delete then set (made only by a
+                       * merge), 3 age information (never merged); see g_ASOrchMergeRules */
+    void *key;        /* the record's first keyLen bytes */
+    uint32_t keyLen;  /* the registration's keySize; 0 is refused by the merge layer */
+    void *data;       /* the whole record */
+    uint32_t dataLen; /* the registration's ipcSize */
+    uint32_t version; /* the registration's version; vectors of different versions never merge */
+    void *usrData;    /* the handle that owns a stored copy; null in a vector not stored */
 } ASOrchMsgVec;
 
 typedef struct ASOrchIpcBuf {
@@ -72,8 +72,7 @@ typedef void (*ASOrchUnpackFreeFunc)(ASOrchUnpackResult *result);
  * the unpack result; the module knows its own ipcSize. info: {version, procParam = the
  * registration's mergeType, tlvType = 0}. Non-zero is only logged. Runs on the ASOrchMsgProc
  * thread. */
-typedef uint32_t (*ASOrchRecvProcFunc)(ASOrchHandle *handle, void *records, uint32_t num,
-                                       ASOrchTblProcInfo *info);
+typedef uint32_t (*ASOrchRecvProcFunc)(ASOrchHandle *handle, void *records, uint32_t num, ASOrchTblProcInfo *info);
 /* tblMsgProc: the entries of one TLV in place in the body: nums entries of tblSize bytes.
  * For a composite table (TLV type 18, 19) tables points at the TLV header and tblSize is the
  * whole TLV's length, nums 1. info: {version, the registration's procParam, the TLV's type}.
@@ -88,7 +87,7 @@ typedef uint32_t (*ASOrchSmoothCbFunc)(uint32_t tableId, uint32_t optType, void 
 /* A registration list inside the base parameters; used when count is non-zero and entries
  * non-null, skipped silently otherwise. The elements are copied at registration. */
 typedef struct ASOrchTblMsgList {
-    void *entries;     /* ASOrchTblMsgRecvReg or ASOrchTblMsgTransReg elements */
+    void *entries; /* ASOrchTblMsgRecvReg or ASOrchTblMsgTransReg elements */
     uint32_t count;
 } ASOrchTblMsgList;
 
@@ -103,7 +102,7 @@ typedef struct ASOrchTblMsgRecvCtrl {
     ASOrchRecvProcFunc userDefProc;
     uint32_t mergeOpType;
     uint32_t keySize;
-    uint32_t version;  /* kept by the registry */
+    uint32_t version; /* kept by the registry */
 } ASOrchTblMsgRecvCtrl;
 
 typedef struct ASOrchTblMsgTransCtrl {
@@ -113,8 +112,8 @@ typedef struct ASOrchTblMsgTransCtrl {
     ASOrchSmoothCbFunc smoothProc;
     uint32_t procParam;
     ASOrchTblMsgProcFunc tblMsgProc;
-    uint32_t isFes;    /* set by the registry */
-    uint32_t version;  /* kept by the registry */
+    uint32_t isFes;   /* set by the registry */
+    uint32_t version; /* kept by the registry */
 } ASOrchTblMsgTransCtrl;
 
 /* The elements of a module's registration arrays: the control records without the fields
@@ -125,28 +124,28 @@ typedef struct ASOrchTblMsgTransCtrl {
  * with keySize 0 is accepted with "%s, recv msgId %u: key size is 0, its records cannot be
  * merged." and each of its records is dropped. */
 typedef struct ASOrchTblMsgRecvReg {
-    uint32_t mergeMsgId;               /* msgId of the records' vectors (the ASOrchMergeMsg id) */
-    uint32_t msgId;                    /* the message's id: the registry key */
-    uint32_t opType;                   /* what unpackFunc must report; unused without it */
-    ASOrchUnpackFunc unpackFunc;       /* null: plain body (8-byte header, then records) */
+    uint32_t mergeMsgId;                 /* msgId of the records' vectors (the ASOrchMergeMsg id) */
+    uint32_t msgId;                      /* the message's id: the registry key */
+    uint32_t opType;                     /* what unpackFunc must report; unused without it */
+    ASOrchUnpackFunc unpackFunc;         /* null: plain body (8-byte header, then records) */
     ASOrchUnpackFreeFunc unpackFreeFunc; /* required with unpackFunc */
-    uint32_t ipcSize;                  /* bytes of one record; must be non-zero */
-    uint32_t mergeType;                /* 0 to 3: into the merge queue (bit 0: FES, else DAM;
-                                        * 2, 3: an update moves to the tail); 4: at once via
-                                        * the DAM message table; 5 and up: at once via FES */
-    ASOrchRecvProcFunc userDefProc;    /* set: all records go here instead of the merge layer */
-    uint32_t mergeOpType;              /* 0: vectors get opType 0 (add/set); else 1 (delete) */
-    uint32_t keySize;                  /* the key: the first keySize bytes of each record; not
-                                        * above ipcSize, and non-zero when records are merged */
+    uint32_t ipcSize;                    /* bytes of one record; must be non-zero */
+    uint32_t mergeType;                  /* 0 to 3: into the merge queue (bit 0: FES, else DAM;
+                                          * 2, 3: an update moves to the tail); 4: at once via
+                                          * the DAM message table; 5 and up: at once via FES */
+    ASOrchRecvProcFunc userDefProc;      /* set: all records go here instead of the merge layer */
+    uint32_t mergeOpType;                /* 0: vectors get opType 0 (add/set); else 1 (delete) */
+    uint32_t keySize;                    /* the key: the first keySize bytes of each record; not
+                                          * above ipcSize, and non-zero when records are merged */
 } ASOrchTblMsgRecvReg;
 
 typedef struct ASOrchTblMsgTransReg {
-    uint32_t tableId;                  /* the TLVs' tableId: the registry key */
-    uint32_t tblSize;                  /* bytes of one entry of a type-1 TLV */
-    ASOrchSmoothCbFunc smoothPreProc;  /* may be null */
-    ASOrchSmoothCbFunc smoothProc;     /* may be null */
-    uint32_t procParam;                /* handed to tblMsgProc in info */
-    ASOrchTblMsgProcFunc tblMsgProc;   /* null: the table's TLVs are logged and skipped */
+    uint32_t tableId;                 /* the TLVs' tableId: the registry key */
+    uint32_t tblSize;                 /* bytes of one entry of a type-1 TLV */
+    ASOrchSmoothCbFunc smoothPreProc; /* may be null */
+    ASOrchSmoothCbFunc smoothProc;    /* may be null */
+    uint32_t procParam;               /* handed to tblMsgProc in info */
+    ASOrchTblMsgProcFunc tblMsgProc;  /* null: the table's TLVs are logged and skipped */
 } ASOrchTblMsgTransReg;
 
 ASORCH_LAYOUT_ASSERT(sizeof(ASOrchTblMsgRecvReg) == 40, "recv registration element is ten words");
@@ -164,8 +163,8 @@ ASORCH_LAYOUT_ASSERT(sizeof(ASOrchTblProcInfo) == 12, "info record is three word
  * tlvLen bytes. */
 typedef struct ASOrchTransTlv {
     uint32_t tableId;
-    uint32_t tlvType;  /* 1, 2 plain table; 18, 19 composite; anything else smoothing */
-    uint32_t tlvLen;   /* value bytes, header not included */
+    uint32_t tlvType; /* 1, 2 plain table; 18, 19 composite; anything else smoothing */
+    uint32_t tlvLen;  /* value bytes, header not included */
 } ASOrchTransTlv;
 
 #define ASORCH_TLV_HDR_LEN 12u
@@ -224,14 +223,11 @@ ASORCH_API ASOrchTblMsgTransCtrl *ASOrchGetTblMsgTrans(ASOrchHandle *handle, uin
  * handed on in order, one ASOrchMsgMerge call each; a record's failure is logged, not
  * returned. */
 ASORCH_API uint32_t ASOrchMsgDispatchProc(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg *msg, ASOrchHandle *handle);
-ASORCH_API uint32_t ORCH_AutoSyncMsgProcUnSerialPack(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg *msg,
-                                                     ASOrchHandle *handle);
+ASORCH_API uint32_t ORCH_AutoSyncMsgProcUnSerialPack(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg *msg, ASOrchHandle *handle);
 ASORCH_API uint32_t ORCH_AutoSyncMsgProcSerialPack(ASOrchTblMsgRecvCtrl *ctrl, ASOrchMsg *msg, ASOrchHandle *handle);
-ASORCH_API void ORCH_AutoSyncProcMqueOrUserDef(ASOrchTblMsgRecvCtrl *ctrl, ASOrchIpcBuf *ipcBuf,
-                                               ASOrchHandle *handle);
+ASORCH_API void ORCH_AutoSyncProcMqueOrUserDef(ASOrchTblMsgRecvCtrl *ctrl, ASOrchIpcBuf *ipcBuf, ASOrchHandle *handle);
 ASORCH_API void ASOrchProcIpcUserDef(ASOrchHandle *handle, ASOrchIpcBuf *ipcBuf, ASOrchIpcUserDef *userDef);
-ASORCH_API void ORCH_AutoSyncProcIpcBuf(ASOrchIpcBuf *ipcBuf, ASOrchHandle *handle, ASOrchIpcRecordFunc fn,
-                                        void *arg);
+ASORCH_API void ORCH_AutoSyncProcIpcBuf(ASOrchIpcBuf *ipcBuf, ASOrchHandle *handle, ASOrchIpcRecordFunc fn, void *arg);
 ASORCH_API void ORCH_AutoSyncFillMergeMsgVec(ASOrchMsgVec *vec, const ASOrchTblMsgRecvCtrl *ctrl, uint32_t version);
 ASORCH_API uint32_t ASOrchProc1IpcMque(void *record, ASOrchHandle *handle, void *arg);
 

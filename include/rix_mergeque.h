@@ -96,14 +96,14 @@ typedef struct MergeQueStatDesc {
 ASORCH_LAYOUT_ASSERT(sizeof(MergeQueStatDesc) == 12, "statistic description is three words");
 
 typedef struct MergeQueCreatePara {
-    ASOrchMemAllocFunc memAlloc;     /* allocates the queue record */
-    ASOrchMemFreeFunc memFree;       /* releases it */
-    uint32_t memPtNo;                /* handed to the hash service */
-    uint32_t dataSize;               /* bytes of user data per entry */
-    uint32_t hashSize;               /* buckets */
+    ASOrchMemAllocFunc memAlloc; /* allocates the queue record */
+    ASOrchMemFreeFunc memFree;   /* releases it */
+    uint32_t memPtNo;            /* handed to the hash service */
+    uint32_t dataSize;           /* bytes of user data per entry */
+    uint32_t hashSize;           /* buckets */
     MergeQueHashFunc hashFunc;
     MergeQueCmpFunc cmpFunc;
-    int32_t epFd;                    /* epoll set of the reader */
+    int32_t epFd; /* epoll set of the reader */
     MergeQueGetKeyFunc getKeyFunc;
     MergeQueSchedProcFunc schedProc; /* may be null */
     MergeQueMergeFunc mergeFunc;     /* may be null */
@@ -136,11 +136,11 @@ typedef struct MergeQueHashData {
 ASORCH_LAYOUT_ASSERT(sizeof(MergeQueHashData) == 12, "entry header is three words");
 
 typedef struct MergeQueReader {
-    MergeQueLink msgList;  /* oldest first */
+    MergeQueLink msgList; /* oldest first */
     uint32_t itemCnt;
     MergeQueStat readerStat[MERGEQUE_RSTAT_NUM];
-    int32_t eventFd;       /* -1 before the first registration */
-    uint32_t epollReg;     /* 1 while eventFd is in the epoll set */
+    int32_t eventFd;   /* -1 before the first registration */
+    uint32_t epollReg; /* 1 while eventFd is in the epoll set */
     uint32_t backPressPara;
 } MergeQueReader;
 

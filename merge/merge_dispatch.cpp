@@ -155,5 +155,4 @@ ASORCH_API uint32_t ORCH_AutoSyncRecvFesMerge(MergeQueCb *queue)
     RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "read FES merge msg count %u finished.", n);
     return ASORCH_OK;
 }
-
 }

@@ -14,7 +14,8 @@ constexpr const char *kChanWord[ASORCH_MERGE_CHAN_NUM] = {"DAM", "FES"};
 // The container's callback types take untyped data; these hand it on as message vectors.
 uint32_t CmpAdapter(const void *stored, const void *searched, uint32_t)
 {
-    return asorch::merge::SameKey(static_cast<const ASOrchMsgVec *>(stored), static_cast<const ASOrchMsgVec *>(searched));
+    return asorch::merge::SameKey(static_cast<const ASOrchMsgVec *>(stored),
+                                  static_cast<const ASOrchMsgVec *>(searched));
 }
 
 // The stored vector is its own key, as ASOrchPubGetKeyPtr says.
@@ -313,5 +314,4 @@ ASORCH_API void ASOrchFreeMergeHandle(ASOrchHandle *handle)
     handle->mergeHandle = nullptr;
     RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, Orch auto sync free merge handle ok.", handle->name);
 }
-
 }

@@ -8,7 +8,6 @@ extern "C" {
 
 // The registration node of vec's msgId, or null (also for a channel never built).
 ASOrchMergeMsgNode *ASOrchGetMergeMsg(const ASIntHash *hash, const ASOrchMsgVec *vec);
-
 }
 
 namespace asorch::merge {

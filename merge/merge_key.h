@@ -44,8 +44,7 @@ inline uint32_t MergeRule(uint32_t oldOpType, uint32_t newOpType, uint32_t *merg
 inline void ApplyRule(const ASOrchMsgVec *pending, ASOrchMsgVec *arriving)
 {
     if (arriving->opType == ASORCH_OPTYPE_AGEINFO) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "Orch autosync merge notify is ageinfo error, msgId %u",
-                            arriving->msgId);
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "Orch autosync merge notify is ageinfo error, msgId %u", arriving->msgId);
         return;
     }
     if (MergeRule(pending->opType, arriving->opType, &arriving->opType) != ASORCH_OK) {

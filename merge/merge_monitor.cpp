@@ -86,5 +86,4 @@ ASORCH_API uint32_t ASOrchMergeFesMonitorProc(uint32_t evtType, void *notifyPara
 {
     return ASOrchMergeFesDamMonitorProc(evtType, notifyPara, ASORCH_MERGE_CHAN_FES);
 }
-
 }

@@ -17,8 +17,8 @@ inline uint32_t LoadLe32(const uint8_t *p)
         std::memcpy(&w, p, sizeof(w));
         return w;
     } else {
-        return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
-               (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+        return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
+               (static_cast<uint32_t>(p[3]) << 24);
     }
 }
 
@@ -53,12 +53,7 @@ inline uint32_t LoadLe32(const uint8_t *p)
 extern "C" {
 
 const ASOrchMergeRule g_ASOrchMergeRules[ASORCH_MERGE_RULES_NUM] = {
-    {0u, 0u, 0u},
-    {0u, 1u, 1u},
-    {1u, 0u, 2u},
-    {1u, 1u, 1u},
-    {2u, 0u, 2u},
-    {2u, 1u, 1u},
+    {0u, 0u, 0u}, {0u, 1u, 1u}, {1u, 0u, 2u}, {1u, 1u, 1u}, {2u, 0u, 2u}, {2u, 1u, 1u},
 };
 
 const uint32_t g_ASOrchMergeRulesNum = ASORCH_MERGE_RULES_NUM;
@@ -118,5 +113,4 @@ ASORCH_API uint32_t ASOrchMergeHashFunc(ASOrchHandle *handle, uint32_t chan, con
     }
     return writing->memoBucket;
 }
-
 }

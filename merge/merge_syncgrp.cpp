@@ -3,8 +3,8 @@
 
 extern "C" {
 
-ASORCH_API void ASOrchMergeSyncGrpDatas(uint32_t count, ASOrchSyncGrpData *items, ASOrchMsgVec *vec,
-                                        uint32_t mergeType, ASOrchHandle *handle)
+ASORCH_API void ASOrchMergeSyncGrpDatas(uint32_t count, ASOrchSyncGrpData *items, ASOrchMsgVec *vec, uint32_t mergeType,
+                                        ASOrchHandle *handle)
 {
     if (count == 0u) {
         return;
@@ -25,5 +25,4 @@ ASORCH_API void ASOrchMergeSyncGrpDatas(uint32_t count, ASOrchSyncGrpData *items
         }
     }
 }
-
 }

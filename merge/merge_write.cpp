@@ -168,5 +168,4 @@ ASORCH_API uint32_t ASOrchMergeUnBackPress(ASOrchHandle *handle, uint32_t chan)
 {
     return OnReader(handle, chan, [](MergeQueCb *q) { return RIX_MergeQueUnBackPress(q, nullptr); });
 }
-
 }

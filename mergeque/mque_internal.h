@@ -21,8 +21,7 @@ static_assert(sizeof(MergeQueHashFunc) == sizeof(LITE_HASH_HashFunc));
 
 inline MergeQueHashData *EntryOf(MergeQueLink *link)
 {
-    return reinterpret_cast<MergeQueHashData *>(reinterpret_cast<char *>(link) -
-                                                 offsetof(MergeQueHashData, link));
+    return reinterpret_cast<MergeQueHashData *>(reinterpret_cast<char *>(link) - offsetof(MergeQueHashData, link));
 }
 
 inline void ListInit(MergeQueLink *head)

@@ -6,8 +6,11 @@
 extern "C" {
 
 // Zero-filled static storage: the tree starts empty and initFlag 0.
-ASORCH_API MergeQueGlbCb g_rixMergeQueGlbCb = {
-    {nullptr, nullptr, nullptr}, {nullptr, 0u}, 0u, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
+ASORCH_API MergeQueGlbCb g_rixMergeQueGlbCb = {{nullptr, nullptr, nullptr},
+                                               {nullptr, 0u},
+                                               0u,
+                                               PTHREAD_MUTEX_INITIALIZER,
+                                               PTHREAD_MUTEX_INITIALIZER};
 
 ASORCH_API int32_t RIX_MergeQueStrCompare(const void *name1, const void *name2)
 {
@@ -18,8 +21,7 @@ ASORCH_API void RIX_MergeQueNameTreeInit(void)
 {
     MergeQueGlbCb &g = g_rixMergeQueGlbCb;
     g.nameTreeInfo.compare = RIX_MergeQueStrCompare;
-    g.nameTreeInfo.keyOffset =
-        static_cast<uint32_t>(offsetof(MergeQueCb, name) - offsetof(MergeQueCb, treeNode));
+    g.nameTreeInfo.keyOffset = static_cast<uint32_t>(offsetof(MergeQueCb, name) - offsetof(MergeQueCb, treeNode));
     g.nameTree.root = nullptr;
     g.nameTree.first = nullptr;
     g.nameTree.last = nullptr;

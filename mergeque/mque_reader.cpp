@@ -158,8 +158,7 @@ ASORCH_API uint32_t RIX_MergeQueRead(MergeQueCb *q, void *buf, uint32_t maxCnt)
     return cnt;
 }
 
-ASORCH_API uint32_t RIX_MergeQueReadCallBack(MergeQueCb *q, uint32_t maxCnt, MergeQueReadCallBackFunc cb,
-                                             void *usrData)
+ASORCH_API uint32_t RIX_MergeQueReadCallBack(MergeQueCb *q, uint32_t maxCnt, MergeQueReadCallBackFunc cb, void *usrData)
 {
     if (q == nullptr || cb == nullptr || maxCnt == 0u) {
         return 0u;

@@ -38,16 +38,11 @@ ASORCH_API MergeQueStatDesc g_mergeQueStatDesc[MERGEQUE_QSTAT_NUM] = {
 
 // The three rows counted once per entry are not stamped: a clock read per entry is too dear.
 ASORCH_API MergeQueStatDesc g_mergeQueReaderStatDesc[MERGEQUE_RSTAT_NUM] = {
-    {MERGEQUE_RSTAT_SUCC_MERGE, "Success Merge", 0u},
-    {MERGEQUE_RSTAT_FAIL_MERGE, "Fail Merge", 1u},
-    {MERGEQUE_RSTAT_SUCC_WRITE, "Success Write", 0u},
-    {MERGEQUE_RSTAT_SUCC_READ, "Success Read", 0u},
-    {MERGEQUE_RSTAT_FAIL_WRITE, "Fail Write", 1u},
-    {MERGEQUE_RSTAT_FAIL_READ, "Fail Read", 1u},
-    {MERGEQUE_RSTAT_EMPTY_READ, "Empty Read", 1u},
-    {MERGEQUE_RSTAT_WRITE_NOTIFY_ERR, "Write Notify Err", 1u},
-    {MERGEQUE_RSTAT_READ_NOTIFY_ERR, "Read Notify Err", 1u},
-    {MERGEQUE_RSTAT_BACKPRESS, "BackPress", 1u},
+    {MERGEQUE_RSTAT_SUCC_MERGE, "Success Merge", 0u},        {MERGEQUE_RSTAT_FAIL_MERGE, "Fail Merge", 1u},
+    {MERGEQUE_RSTAT_SUCC_WRITE, "Success Write", 0u},        {MERGEQUE_RSTAT_SUCC_READ, "Success Read", 0u},
+    {MERGEQUE_RSTAT_FAIL_WRITE, "Fail Write", 1u},           {MERGEQUE_RSTAT_FAIL_READ, "Fail Read", 1u},
+    {MERGEQUE_RSTAT_EMPTY_READ, "Empty Read", 1u},           {MERGEQUE_RSTAT_WRITE_NOTIFY_ERR, "Write Notify Err", 1u},
+    {MERGEQUE_RSTAT_READ_NOTIFY_ERR, "Read Notify Err", 1u}, {MERGEQUE_RSTAT_BACKPRESS, "BackPress", 1u},
     {MERGEQUE_RSTAT_UNBACKPRESS, "UnBackPress", 1u},
 };
 

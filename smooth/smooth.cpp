@@ -21,10 +21,22 @@ constexpr uint32_t kLrClassLen = 16;
 constexpr uint32_t kDamClassLen = 16;
 
 // Word n of an item sits at byte 4 * n.
-uint32_t Word(const ASOrchSmoothItem *item, uint32_t n) { return LoadU32(item, 4 * n); }
-uint32_t OptType(const ASOrchSmoothItem *item) { return Word(item, 0); }
-uint32_t Length(const ASOrchSmoothItem *item) { return Word(item, 1); }
-uint32_t TableId(const ASOrchSmoothItem *item) { return Word(item, 2); }
+uint32_t Word(const ASOrchSmoothItem *item, uint32_t n)
+{
+    return LoadU32(item, 4 * n);
+}
+uint32_t OptType(const ASOrchSmoothItem *item)
+{
+    return Word(item, 0);
+}
+uint32_t Length(const ASOrchSmoothItem *item)
+{
+    return Word(item, 1);
+}
+uint32_t TableId(const ASOrchSmoothItem *item)
+{
+    return Word(item, 2);
+}
 
 constexpr std::array<ASOrchSmoothHandler, ASORCH_SMOOTH_SLOT_NUM> kHandlers = [] {
     std::array<ASOrchSmoothHandler, ASORCH_SMOOTH_SLOT_NUM> t{};
@@ -126,8 +138,9 @@ int32_t ASOrchSmoothClassState(ASOrchHandle *handle, const ASOrchSmoothItem *ite
     rec.tableId = TableId(item);
     rec.srcPid = Word(item, 3);
     if (RunCallbacks(item, rec, smoothPreProc, smoothProc) && ASOrchVrfStateEntry(handle, item, &rec) != 0) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, smooth classitem proc failed. tableId = %u, optType = %u, srcPid = %u",
-                            handle->name, rec.tableId, OptType(item), rec.srcPid);
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR,
+                            "%s, smooth classitem proc failed. tableId = %u, optType = %u, srcPid = %u", handle->name,
+                            rec.tableId, OptType(item), rec.srcPid);
         return -1;
     }
     return Next(item, remain);
@@ -200,8 +213,8 @@ int32_t ASOrchSmoothPidState(ASOrchHandle *handle, const ASOrchSmoothItem *item,
     return Next(item, remain);
 }
 
-int32_t ASOrchSmoothLrClassData(ASOrchHandle *, const ASOrchSmoothItem *item, int32_t remain,
-                                ASOrchSmoothCbFunc, ASOrchSmoothCbFunc smoothProc)
+int32_t ASOrchSmoothLrClassData(ASOrchHandle *, const ASOrchSmoothItem *item, int32_t remain, ASOrchSmoothCbFunc,
+                                ASOrchSmoothCbFunc smoothProc)
 {
     if (asorch::NullArg(__func__, item == nullptr)) {
         return -1;
@@ -261,7 +274,8 @@ uint32_t ASOrchTransTblSmooth(ASOrchHandle *handle, const ASOrchTransTlv *tlv, c
     int32_t remain = static_cast<int32_t>(hdr.tlvLen);
     while (remain > 0) {
         if (remain < static_cast<int32_t>(ASORCH_SMOOTH_ITEM_HDR_LEN)) {
-            RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, smooth item header exceeds tlv. tableId = %u, remain = %d, tlvLen = %u",
+            RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR,
+                                "%s, smooth item header exceeds tlv. tableId = %u, remain = %d, tlvLen = %u",
                                 handle->name, hdr.tableId, remain, hdr.tlvLen);
             remain = -1;
             break;

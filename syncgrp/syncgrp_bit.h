@@ -8,7 +8,6 @@ extern "C" {
 
 // Bit id (0 to 3) of bitmap; 0 for ids beyond the logical groups.
 uint32_t ASOrchSynGrpBitTest(uint32_t id, uint32_t bitmap);
-
 }
 
 #endif

@@ -29,6 +29,8 @@ extern "C" {
 
 // The attr words are the layer's own and pass unchanged; only the thread ids and the verify
 // interval are the orchestrator's.
+// A row a group.
+// clang-format off
 const ASOrchSyncGrpPara g_rixOrchAutoSyncGrpParam[ASORCH_SYNCGRP_NUM] = {
     {.grpId = 0u, .attr1 = 1u, .attr2 = 30u, .logicThreadId = ASORCH_THREAD_DATA,
      .commThreadId = ASORCH_THREAD_SYNC, .attr5 = 0u, .attr6 = kAttr6, .attr7 = 1u, .attr8 = 100u,
@@ -43,6 +45,7 @@ const ASOrchSyncGrpPara g_rixOrchAutoSyncGrpParam[ASORCH_SYNCGRP_NUM] = {
      .commThreadId = ASORCH_THREAD_EVENT, .attr5 = 0u, .attr6 = kAttr6, .attr7 = 0u, .attr8 = 0u,
      .attr9 = 0u, .verifyInterVal = 0u, .attr11 = 0u, .attr12 = 0u, .notifyFunc = nullptr},
 };
+// clang-format on
 ASORCH_LAYOUT_ASSERT(sizeof(g_rixOrchAutoSyncGrpParam) == 224, "default rows are 224 bytes");
 
 uint32_t ASOrchSynGrpBitTest(uint32_t id, uint32_t bitmap)
@@ -275,8 +278,8 @@ ASORCH_API uint32_t ASOrchSyncGrpMsgSetBase(ASOrchHandle *handle, ASOrchBasePara
                                 handle->name, grpId);
             return ASORCH_ERR;
         }
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, syncGrpId = %u, auto sync register SyncGroupMsgSet ok.",
-                            handle->name, grpId);
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_INFO, "%s, syncGrpId = %u, auto sync register SyncGroupMsgSet ok.", handle->name,
+                            grpId);
     }
     return ASORCH_OK;
 }
@@ -315,11 +318,9 @@ ASORCH_API int32_t ASOrchGetSyncGrpId(ASOrchHandle *handle, uint32_t grpIndex)
 {
     const ASOrchSyncGrpRes *res = ASOrchGroupGetRes(handle);
     if (res == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch autosync sync group res is NULL",
-                            asorch::NameOf(handle));
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch autosync sync group res is NULL", asorch::NameOf(handle));
         return -1;
     }
     return grpIndex < ASORCH_SYNCGRP_NUM ? res->grpId[grpIndex] : -1;
 }
-
 }

@@ -28,7 +28,8 @@ ASORCH_API uint32_t ASOrchSetSynGrpFlowCtrl(ASOrchHandle *handle)
         }
         const int32_t id = ASOrchGetSyncGrpId(handle, i);
         if (id != -1) {
-            (void)RIX_EAL_SetSyncGrpFlowCtl(handle->ealHdl, static_cast<uint32_t>(id), asorch::EalRecord(&adv.flowCtrl));
+            (void)RIX_EAL_SetSyncGrpFlowCtl(handle->ealHdl, static_cast<uint32_t>(id),
+                                            asorch::EalRecord(&adv.flowCtrl));
         }
     }
     return ASORCH_OK;
@@ -60,5 +61,4 @@ ASORCH_API uint32_t ASOrchSyncMsgToGrp(ASOrchHandle *handle, uint32_t offset, vo
     }
     return RIX_EAL_SyncMsg(handle->ealHdl, res->grpNum + offset, msg, 1u);
 }
-
 }

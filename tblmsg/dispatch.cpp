@@ -50,8 +50,9 @@ uint32_t TransRoad(ASOrchHandle *handle, ASOrchMsg *msg)
         return ASORCH_ERR;
     }
     if (area > msg->len - ASORCH_TRANS_TLV_OFFSET) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, recv feibrk trans msg %u tlv area exceeds body. tlvArea = %u, len = %u.",
-                            handle->name, msg->msgId, area, msg->len);
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR,
+                            "%s, recv feibrk trans msg %u tlv area exceeds body. tlvArea = %u, len = %u.", handle->name,
+                            msg->msgId, area, msg->len);
         return ASORCH_ERR;
     }
     const uint8_t *tlvs = body + ASORCH_TRANS_TLV_OFFSET;
@@ -75,7 +76,8 @@ uint32_t TransRoad(ASOrchHandle *handle, ASOrchMsg *msg)
             return ASORCH_ERR;
         }
         if (InfoRoad(handle, tlv) != 0) {
-            RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, proc feibrk trans msg %u failed. tbl = %u, tlvType = %u, tlvLen = %u",
+            RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR,
+                                "%s, proc feibrk trans msg %u failed. tbl = %u, tlvType = %u, tlvLen = %u",
                                 handle->name, index, hdr.tableId, hdr.tlvType, hdr.tlvLen);
         }
         offset += hdr.tlvLen + ASORCH_TLV_HDR_LEN;

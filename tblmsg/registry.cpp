@@ -95,7 +95,8 @@ struct RecvKind {
     static void Warn(const ASOrchHandle *handle, const Ctrl &c)
     {
         if (c.ipcSize == 0u || (c.userDefProc == nullptr && c.keySize > c.ipcSize)) {
-            RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, recv msgId %u: record size %u, key size %u, its messages will be refused.",
+            RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR,
+                                "%s, recv msgId %u: record size %u, key size %u, its messages will be refused.",
                                 handle->name, c.msgId, c.ipcSize, c.keySize);
         } else if (c.userDefProc == nullptr && c.mergeType <= kLastQueuedMergeType && c.keySize == 0u) {
             RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, recv msgId %u: key size is 0, its records cannot be merged.",
@@ -199,9 +200,15 @@ using namespace asorch::tblmsg;
 
 extern "C" {
 
-uint32_t ASOrchTblMsgRecvIsValid(const ASOrchTblMsgList *list) { return ListUsable(list); }
+uint32_t ASOrchTblMsgRecvIsValid(const ASOrchTblMsgList *list)
+{
+    return ListUsable(list);
+}
 
-uint32_t ASOrchTblMsgTransIsExist(const ASOrchTblMsgList *list) { return ListUsable(list); }
+uint32_t ASOrchTblMsgTransIsExist(const ASOrchTblMsgList *list)
+{
+    return ListUsable(list);
+}
 
 uint32_t ASOrchFillTblMsgRecvHashTable(ASOrchHandle *handle, void *hash, const ASOrchTblMsgList *list)
 {
@@ -212,8 +219,7 @@ uint32_t ASOrchFillTblMsgRecvHashTable(ASOrchHandle *handle, void *hash, const A
     return Fill<RecvKind>(handle, static_cast<ASIntHash *>(hash), list, 0);
 }
 
-uint32_t ASOrchFillTblMsgTransHashTable(ASOrchHandle *handle, void *hash, const ASOrchTblMsgList *list,
-                                        uint32_t isFes)
+uint32_t ASOrchFillTblMsgTransHashTable(ASOrchHandle *handle, void *hash, const ASOrchTblMsgList *list, uint32_t isFes)
 {
     if (handle == nullptr || hash == nullptr || ListUsable(list) == 0) {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s", TransKind::kNoNode);

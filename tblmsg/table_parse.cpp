@@ -62,10 +62,11 @@ void PlainParsePack(ASOrchHandle *handle, const ASOrchTransTlv *tlv, const ASOrc
         nums = room / size;
     }
     if (uint64_t{nums} * size > room) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR,
-                            fes ? "[error]%s, trans fes tbl exceeds tlv, tbl:%u, tbl nums = %u, tblsize = %u, tlvLen = %u."
-                                : "[error]%s, trans dam tbl exceeds tlv, tbl:%u, tbl nums = %u, tblsize = %u, tlvLen = %u.",
-                            handle->name, hdr.tableId, nums, size, hdr.tlvLen);
+        RIX_AUTOSYNC_RixLog(
+            ASORCH_LOG_ERROR,
+            fes ? "[error]%s, trans fes tbl exceeds tlv, tbl:%u, tbl nums = %u, tblsize = %u, tlvLen = %u."
+                : "[error]%s, trans dam tbl exceeds tlv, tbl:%u, tbl nums = %u, tblsize = %u, tlvLen = %u.",
+            handle->name, hdr.tableId, nums, size, hdr.tlvLen);
         return;
     }
     ASOrchTblProcInfo info = InfoOf(ctrl, hdr);

@@ -35,8 +35,7 @@ struct Node {
 using RecvNode = Node<ASOrchTblMsgRecvCtrl>;
 using TransNode = Node<ASOrchTblMsgTransCtrl>;
 
-static_assert(offsetof(RecvNode, hashNode) == 0 && offsetof(TransNode, hashNode) == 0,
-              "the hash link opens a node");
+static_assert(offsetof(RecvNode, hashNode) == 0 && offsetof(TransNode, hashNode) == 0, "the hash link opens a node");
 static_assert(alignof(NodeBlock) >= alignof(RecvNode) && alignof(NodeBlock) >= alignof(TransNode),
               "nodes follow the block header without padding");
 

@@ -19,9 +19,8 @@ TEST(AllocSweep, EveryAllocationFailingOnceOrForGoodLeavesNothing)
         EXPECT_EQ(rixtest::RunScenarioHere([&] { from ? rixtest::FailAllocFrom(k) : rixtest::FailAllocNth(k); }), 0);
         return;
     }
-    const rixtest::ChildOutcome base = rixtest::RunScenarioInChild([] {}, true, [] {
-        return std::to_string(rixtest::GetAllocStats().allocs);
-    });
+    const rixtest::ChildOutcome base =
+        rixtest::RunScenarioInChild([] {}, true, [] { return std::to_string(rixtest::GetAllocStats().allocs); });
     ASSERT_EQ(base.kind, rixtest::ChildOutcome::Ok) << "the scenario without failures:\n" << base.detail;
     const uint32_t sites = static_cast<uint32_t>(std::stoul(base.payload));
     ASSERT_GT(sites, 20u) << "the scenario allocates too little to be the whole life of an orchestrator";

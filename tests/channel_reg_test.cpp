@@ -22,8 +22,9 @@ TEST_F(ChannelTest, ThreadsAreNamedAndPackedInIdOrder)
     EXPECT_EQ(0u, ASOrchThreadSet(&mask, 2u, 2u, 0u));
     EXPECT_EQ(5u, mask);
     // A repeated id, no id, too many ids, an id past 31: refused, the mask untouched.
-    EXPECT_EQ((Rets{1u, 1u, 1u, 1u}), (Rets{ASOrchThreadSet(&mask, 2u, 0u, 0u), ASOrchThreadSet(&mask, 0u, 0u),
-                                            ASOrchThreadSet(&mask, 4u, 0u, 1u, 2u, 3u), ASOrchThreadSet(&mask, 2u, 0u, 32u)}));
+    EXPECT_EQ((Rets{1u, 1u, 1u, 1u}),
+              (Rets{ASOrchThreadSet(&mask, 2u, 0u, 0u), ASOrchThreadSet(&mask, 0u, 0u),
+                    ASOrchThreadSet(&mask, 4u, 0u, 1u, 2u, 3u), ASOrchThreadSet(&mask, 2u, 0u, 32u)}));
     EXPECT_EQ(5u, mask);
 
     // Failures store nothing: no DATA thread, then the layer refusing the batch.
@@ -36,7 +37,7 @@ TEST_F(ChannelTest, ThreadsAreNamedAndPackedInIdOrder)
 
     base_.threadMask = mask | (1u << 5);  // DATA, EVENT, and an id without a thread
     ASSERT_EQ(0u, ASOrchRegThread(h_, &base_));
-    EXPECT_EQ(base_.threadMask, h_->threadMask);  // kept whole
+    EXPECT_EQ(base_.threadMask, h_->threadMask);             // kept whole
     EXPECT_EQ(2u, RIX_TEST_CallCount("RIX_EAL_RegThread"));  // one batch per attempt
     ASSERT_EQ(2u, RIX_TEST_EalThreadCount(eal_));
     const RIX_EAL_ThreadCfg want[2] = {{0u, "DEMO_DATA", 0u}, {2u, "DEMO_EVENT", 3u}};
@@ -46,8 +47,9 @@ TEST_F(ChannelTest, ThreadsAreNamedAndPackedInIdOrder)
         EXPECT_STREQ(want[i].threadName, t->threadName);
     }
     EXPECT_EQ((Strings{"DEMO, set threads fail, has not Data thread", "DEMO, thread DEMO_DATA id is 0",
-                       "DEMO, thread DEMO_SYNC id is 1", "DEMO, register 2 threads fail", "DEMO, thread DEMO_DATA id is 0",
-                       "DEMO, thread DEMO_EVENT id is 2", "DEMO, register 2 threads ok"}),
+                       "DEMO, thread DEMO_SYNC id is 1", "DEMO, register 2 threads fail",
+                       "DEMO, thread DEMO_DATA id is 0", "DEMO, thread DEMO_EVENT id is 2",
+                       "DEMO, register 2 threads ok"}),
               Lines());
 
     ASOrchThreadCfg tooLong[1] = {{1u, "_ABCDEFGHIJKLMNOPQRSTUVWXYZ0", 1u}};  // 4 + 28 > 31
@@ -114,7 +116,8 @@ TEST_F(ChannelTest, ChannelStepFailures)
     EXPECT_EQ(0u, ASOrchChanAddNamePrefix(h_, 0u, fits));
     EXPECT_STREQ("DEMO_FIFTEEN_CHARS_", fits);
     EXPECT_EQ((Strings{"DEMO, no valid realServerPort.", "DEMO, chanPort slot 6 has no channel.",
-                       "DEMO, RegUcChannel DEMO_DATA_FES fail.", "DEMO, chanName _SIXTEEN_CHARS__ over max name length."}),
+                       "DEMO, RegUcChannel DEMO_DATA_FES fail.",
+                       "DEMO, chanName _SIXTEEN_CHARS__ over max name length."}),
               Lines());
 }
 

@@ -36,7 +36,8 @@ TEST_F(LifecycleTest, CreateFillsHandleAndInstanceAndDestroyReturnsAll)
     EXPECT_STREQ(name, RIX_TEST_EalName(h->ealHdl));
     EXPECT_EQ((Rets{0x35u, 0x11u, 0x22u}), (Rets{cp->orchId, cp->para1, cp->para2}));
     EXPECT_EQ(reinterpret_cast<void *>(rixtest::CountingFree), reinterpret_cast<void *>(cp->memFree));
-    EXPECT_EQ((Strings{"ABCDEFGHIJKLMNO, Create Orch autosync handle ok", "ABCDEFGHIJKLMNO, Create Orch autosync eal ok",
+    EXPECT_EQ((Strings{"ABCDEFGHIJKLMNO, Create Orch autosync handle ok",
+                       "ABCDEFGHIJKLMNO, Create Orch autosync eal ok",
                        "ABCDEFGHIJKLMNO, Orch autosync create success"}),
               Lines());
     EXPECT_STREQ("AUTOSYNC_ORCH", RIX_TEST_LogTag(0u));
@@ -69,11 +70,14 @@ TEST_F(LifecycleTest, EveryCreationFailureGivesBackWhatItTook)
     } cases[] = {
         {[] { rixtest::FailAllocNth(1); }, 0u, {"M, Create Orch autosync Fail, add module fail"}},
         {[] { rixtest::FailAllocNth(2); }, 1u, {"M, Orch autosync Memory Alloc Fail"}},
-        {[] { RIX_TEST_SetOrchPub(RIX_TEST_ORCHPUB_CALL_FAILS, 0u, 0u, 0u); }, 2u,
+        {[] { RIX_TEST_SetOrchPub(RIX_TEST_ORCHPUB_CALL_FAILS, 0u, 0u, 0u); },
+         2u,
          {handleOk, "failed to get orchpub vt table, ret = 5", noId}},
-        {[] { RIX_TEST_SetOrchPub(RIX_TEST_ORCHPUB_NO_TABLE, 0u, 0u, 0u); }, 2u,
+        {[] { RIX_TEST_SetOrchPub(RIX_TEST_ORCHPUB_NO_TABLE, 0u, 0u, 0u); },
+         2u,
          {handleOk, "failed to get orchpub vt table, ret = 0", noId}},
-        {[] { RIX_TEST_SetOrchPub(RIX_TEST_ORCHPUB_NO_ENTRY18, 0u, 0u, 0u); }, 2u,
+        {[] { RIX_TEST_SetOrchPub(RIX_TEST_ORCHPUB_NO_ENTRY18, 0u, 0u, 0u); },
+         2u,
          {handleOk, "getOrchIdBySlotAndCpu is null", noId}},
         {[] { RIX_TEST_FailNth("RIX_EAL_Create", 1u); }, 2u, {handleOk, "M, Create Orch autosync eal Fail"}},
     };
@@ -99,7 +103,8 @@ TEST_F(AccessorTest, AccessorsHandOnToTheInstance)
     h_->ealHdl = eal_;
     ASOrchModInitOk(h_);
     EXPECT_EQ((Strings{"DEMO, Init Orch autosync ok", "DEMO, Start Orch autosync ok", "DEMO, auto sync timer init Fail",
-                       "DEMO, Init Orch autosync Fail, ealHdl is Null", "DEMO, Start Orch autosync Fail, ealHdl is Null",
+                       "DEMO, Init Orch autosync Fail, ealHdl is Null",
+                       "DEMO, Start Orch autosync Fail, ealHdl is Null",
                        "DEMO, auto sync timer init Fail, ealHdl is NULL", "DEMO, Orch auto sync ModInitOk."}),
               Lines());
     EXPECT_EQ(1u, RIX_TEST_CallCount("RIX_TIMER_Create"));
@@ -111,8 +116,9 @@ TEST_F(AccessorTest, AccessorsHandOnToTheInstance)
     EXPECT_EQ(1u, RIX_TEST_EalOndemand(eal_, &w0, &w1));
     EXPECT_EQ((Rets{4u, 9u, 4u}), (Rets{w0, w1, h_->ondemandParam.word[0]}));
     const ASOrchSynGrpFlowCtrl fc = {{1u}};  // group 4 is past the last
-    EXPECT_EQ((Rets{1u, 1u, 1u}), (Rets{ASOrchAdvSetSynGrpFlowCtrl(h_, 4u, &fc), ASOrchAdvSetSynGrpVerifyInterVal(h_, 4u, 5u),
-                                        ASOrchAdvSetSynGrpNotifyFunc(h_, 4u, nullptr)}));
+    EXPECT_EQ((Rets{1u, 1u, 1u}),
+              (Rets{ASOrchAdvSetSynGrpFlowCtrl(h_, 4u, &fc), ASOrchAdvSetSynGrpVerifyInterVal(h_, 4u, 5u),
+                    ASOrchAdvSetSynGrpNotifyFunc(h_, 4u, nullptr)}));
 }
 
 TEST_F(LifecycleTest, LogLinesAreWrittenWholeOrNotAtAll)

@@ -17,7 +17,8 @@ Strings PipelineLines()
 {
     Strings out;
     for (const std::string &l : rixtest::Lines()) {
-        if (l.find("Register Orch autosync base") != std::string::npos || l.find("register base success") != std::string::npos) {
+        if (l.find("Register Orch autosync base") != std::string::npos ||
+            l.find("register base success") != std::string::npos) {
             out.push_back(l);
         }
     }
@@ -54,11 +55,16 @@ TEST_F(PipelineTest, StepsRunInOrderAndAFailingStepStopsThePipelineThere)
         const char *op;
         uint32_t nth;
         uint32_t mask;
-    } cases[] = {{7, "", 0u, 7u}, {0, "", 0u, 6u},  // a complete record; no DATA thread
-                 {0, "RIX_EAL_RegThread", 1u, 7u},        {1, "RIX_EAL_RegModStateRsp", 1u, 7u},
-                 {2, "RIX_EAL_RegSyncGrpMsgSet", 2u, 7u}, {3, "RIX_EAL_ReservePort", 1u, 7u},
-                 {4, "RIX_EAL_RegUcChannel", 3u, 7u},     {2, nullptr, 3u, 7u},
-                 {5, nullptr, 7u, 7u},                    {6, nullptr, 11u, 7u}};
+    } cases[] = {{7, "", 0u, 7u},
+                 {0, "", 0u, 6u},  // a complete record; no DATA thread
+                 {0, "RIX_EAL_RegThread", 1u, 7u},
+                 {1, "RIX_EAL_RegModStateRsp", 1u, 7u},
+                 {2, "RIX_EAL_RegSyncGrpMsgSet", 2u, 7u},
+                 {3, "RIX_EAL_ReservePort", 1u, 7u},
+                 {4, "RIX_EAL_RegUcChannel", 3u, 7u},
+                 {2, nullptr, 3u, 7u},
+                 {5, nullptr, 7u, 7u},
+                 {6, nullptr, 11u, 7u}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.step);
         Recreate();
@@ -69,13 +75,15 @@ TEST_F(PipelineTest, StepsRunInOrderAndAFailingStepStopsThePipelineThere)
         for (size_t i = 0; i < c.step; ++i) {
             want.push_back(kOk + kStepNames[i] + " ok");
         }
-        want.push_back(c.step < 7u ? kFail + kStepNames[c.step] + " fail" : "DEMO, Orch autosync register base success");
+        want.push_back(c.step < 7u ? kFail + kStepNames[c.step] + " fail"
+                                   : "DEMO, Orch autosync register base success");
         EXPECT_EQ(want, PipelineLines()) << rixtest::DumpLines();
         uint32_t w0 = 0, w1 = 0;
         if (c.step == 7u) {
             EXPECT_EQ(1u, RIX_TEST_EalModStateRsp(eal_, &w0, &w1));
-            EXPECT_EQ((Rets{3u, 0x51u, 0x52u, 2u, 4u}), (Rets{RIX_TEST_EalThreadCount(eal_), w0, w1,
-                                                             RIX_TEST_EalSyncGrpCount(eal_), RIX_TEST_EalChanCount(eal_)}));
+            EXPECT_EQ((Rets{3u, 0x51u, 0x52u, 2u, 4u}),
+                      (Rets{RIX_TEST_EalThreadCount(eal_), w0, w1, RIX_TEST_EalSyncGrpCount(eal_),
+                            RIX_TEST_EalChanCount(eal_)}));
         }
     }
     EXPECT_EQ(1u, ASOrchRegBase(nullptr, &base_));

@@ -40,8 +40,14 @@ uint32_t Record(int table, ASOrchMsgVec *v)
                        std::string(static_cast<const char *>(v->data), v->data ? v->dataLen : 0u), v->data});
     return g_procResult;
 }
-uint32_t ProcDam(ASOrchHandle *, ASOrchMsgVec *v) { return Record(0, v); }
-uint32_t ProcFes(ASOrchHandle *, ASOrchMsgVec *v) { return Record(1, v); }
+uint32_t ProcDam(ASOrchHandle *, ASOrchMsgVec *v)
+{
+    return Record(0, v);
+}
+uint32_t ProcFes(ASOrchHandle *, ASOrchMsgVec *v)
+{
+    return Record(1, v);
+}
 
 // DAM serves 0x10 (all opTypes) and 0x11 (no opType 1); FES serves 0x20.
 ASOrchMergeMsg g_damMsgs[2] = {{0x10u, {ProcDam, ProcDam, ProcDam, ProcDam}},
@@ -61,8 +67,8 @@ protected:
     }
     uint32_t Write(uint32_t type, uint32_t msgId, uint32_t opType, uint32_t key, const char *data = "")
     {
-        ASOrchMsgVec v{msgId, opType, &key, 4u, const_cast<char *>(data),
-                       static_cast<uint32_t>(std::strlen(data)), 0u, nullptr};
+        ASOrchMsgVec v{msgId, opType, &key, 4u, const_cast<char *>(data), static_cast<uint32_t>(std::strlen(data)),
+                       0u,    nullptr};
         return ASOrchMsgMerge(h_, type, &v);
     }
     static std::vector<uint32_t> Keys()
@@ -93,7 +99,8 @@ TEST_F(MergeFlowTest, RegistrationNamesQueuesAndFailuresLeaveNoState)
     // A duplicate msgId, a refused FES monitor (5000 is not above the default low mark 8192),
     // a failed queue creation, a second run on a registered handle: nothing stays.
     ASOrchMergeMsg dup[2] = {g_damMsgs[0], g_damMsgs[0]};
-    const char *logs[] = {"mflow, merge failed to add hashNode(16)", "mflow, 1 Register Orch autosync DAM MQUE Monitor fail",
+    const char *logs[] = {"mflow, merge failed to add hashNode(16)",
+                          "mflow, 1 Register Orch autosync DAM MQUE Monitor fail",
                           "mflow, mflow_DAM Register Orch autosync create MQUE fail", nullptr};
     for (int i = 0; i < 4; ++i) {
         base_.mergeMque[0].mergeMsg = i == 0 ? dup : g_damMsgs;
@@ -130,8 +137,8 @@ TEST_F(MergeFlowTest, BurstIsMergedByRuleInQueueOrder)
     ASOrchMsgVec noData{0x10u, 0u, &key4, 4u, shared, 0u, 0u, nullptr};
     EXPECT_EQ(ASOrchMsgMerge(h_, 0u, &noData), 0u);
     // 1 then 0 gives 2 in place; 3 stays 3; on pending age information no rule applies.
-    const std::tuple<uint32_t, uint32_t, const char *> burst[] = {
-        {1, 1, "a"}, {2, 0, "b"}, {1, 0, "cc"}, {3, 0, "d"}, {3, 3, "e"}, {5, 1, "f"}, {5, 3, "g"}, {5, 1, "h"}};
+    const std::tuple<uint32_t, uint32_t, const char *> burst[] = {{1, 1, "a"}, {2, 0, "b"}, {1, 0, "cc"}, {3, 0, "d"},
+                                                                  {3, 3, "e"}, {5, 1, "f"}, {5, 3, "g"},  {5, 1, "h"}};
     for (const auto &[key, op, data] : burst) {
         EXPECT_EQ(Write(0u, 0x10u, op, key, data), 0u);
     }

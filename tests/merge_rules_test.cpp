@@ -28,7 +28,10 @@ TEST(MergeRulesTest, ADeleteWinsAndASetAfterADeleteBecomesDeleteThenSet)
     EXPECT_EQ(out, 99u);
 }
 
-uint32_t NoHash(const void *) { return 0u; }
+uint32_t NoHash(const void *)
+{
+    return 0u;
+}
 
 class MergeHashTest : public rixtest::OrchTest {};
 
@@ -103,8 +106,8 @@ TEST_F(MergeHashTest, KeyIdentityAndPinnedBucketHash)
 TEST(MergeRulesTest, DivisionFreeFormsEqualTheOperators)
 {
     std::mt19937 rng(7u);
-    const uint32_t sizes[] = {1u, 2u, 3u, 7u, 1000u, 1023u, 1024u, 4097u, 8192u, 65535u, 100003u, 0x7FFFFFFFu,
-                              0x80000000u, 0xFFFFFFFFu};
+    const uint32_t sizes[] = {1u,    2u,    3u,     7u,      1000u,       1023u,       1024u,
+                              4097u, 8192u, 65535u, 100003u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu};
     for (uint32_t size : sizes) {
         const asorch::Divisor div = asorch::MakeDivisor(size);
         std::vector<uint32_t> xs = {0u, 1u, size - 1u, size, size + 1u, 2u * size - 1u, 0xFFFFFFFFu, 0xFFFFFFFEu};

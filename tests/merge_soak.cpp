@@ -69,10 +69,22 @@ uint32_t Delivered(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
     }
     return 0u;
 }
-uint32_t Op0(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 0u); }
-uint32_t Op1(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 1u); }
-uint32_t Op2(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 2u); }
-uint32_t Op3(ASOrchHandle *h, ASOrchMsgVec *v) { return Delivered(h, v, 3u); }
+uint32_t Op0(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return Delivered(h, v, 0u);
+}
+uint32_t Op1(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return Delivered(h, v, 1u);
+}
+uint32_t Op2(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return Delivered(h, v, 2u);
+}
+uint32_t Op3(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return Delivered(h, v, 3u);
+}
 
 // The channels' receive function, on the DATA thread: books first, then the orchestrator.
 // Age information is the module's own: it goes into the merge path record by record.
@@ -142,7 +154,8 @@ TEST_F(SoakTest, EveryOfferComesOutOnceOrCoalescedInFirstArrivalOrder)
     bp.mergeMque[1] = {&msgs[1], 1u, 256u, rixtest::MergeHash<1u>, kHigh[1], kLow[1]};
     ASSERT_EQ(ASOrchRegBase(soak.h, &bp), 0u) << rixtest::DumpLines();
     void *eal = ASOrchGetEalHdl(soak.h);
-    for (uint32_t c = 0; c < 2u; ++c) RIX_TEST_ChanSetRecv(eal, c, ChanRecv, nullptr);
+    for (uint32_t c = 0; c < 2u; ++c)
+        RIX_TEST_ChanSetRecv(eal, c, ChanRecv, nullptr);
     ASSERT_EQ(ASOrchInit(soak.h), 0u);
     ASSERT_EQ(ASOrchStart(soak.h), 0u);
 
@@ -209,29 +222,33 @@ TEST_F(SoakTest, EveryOfferComesOutOnceOrCoalescedInFirstArrivalOrder)
     const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
     uint32_t presses[2], releases[2];
-    for (uint32_t c = 0; c < 2u; ++c) presses[c] = RIX_TEST_ChanBackPressCount(eal, c, &releases[c]);
+    for (uint32_t c = 0; c < 2u; ++c)
+        presses[c] = RIX_TEST_ChanBackPressCount(eal, c, &releases[c]);
     uint64_t total = 0, delivered = 0, coalesced = 0, byOp[4] = {}, badKeys = 0;
     for (uint32_t c = 0; c < 2u; ++c) {
         const QueueBook &b = soak.q[c];
         total += b.offered;
         delivered += b.delivered;
         coalesced += b.coalesced;
-        for (int o = 0; o < 4; ++o) byOp[o] += b.byOp[o];
+        for (int o = 0; o < 4; ++o)
+            byOp[o] += b.byOp[o];
         for (uint32_t k = 0; k < kKeys; ++k) {
             const auto last = b.lastVer.find(k);
-            badKeys += (last == b.lastVer.end() ? 0u : last->second) != offerVer[c * kKeys + k] || b.pending.count(k) != 0u;
+            badKeys +=
+                (last == b.lastVer.end() ? 0u : last->second) != offerVer[c * kKeys + k] || b.pending.count(k) != 0u;
         }
     }
     const uint64_t lost = total - delivered - coalesced;
-    std::printf("soak: %.1f s, %llu records offered (add %llu, delete %llu, age %llu), %llu delivered (opType "
-                "0/1/2/3: %llu/%llu/%llu/%llu), %llu coalesced, %llu lost, %llu keys off their last offer, "
-                "%llu order or state errors; back-press cycles DAM %u/%u, FES %u/%u; broker waited %llu times\n",
-                wall, (unsigned long long)total, (unsigned long long)offered[0], (unsigned long long)offered[1],
-                (unsigned long long)offered[3], (unsigned long long)delivered, (unsigned long long)byOp[0],
-                (unsigned long long)byOp[1], (unsigned long long)byOp[2], (unsigned long long)byOp[3],
-                (unsigned long long)coalesced, (unsigned long long)lost, (unsigned long long)badKeys,
-                (unsigned long long)soak.errors.load(), presses[0], releases[0], presses[1], releases[1],
-                (unsigned long long)waits);
+    std::printf(
+        "soak: %.1f s, %llu records offered (add %llu, delete %llu, age %llu), %llu delivered (opType "
+        "0/1/2/3: %llu/%llu/%llu/%llu), %llu coalesced, %llu lost, %llu keys off their last offer, "
+        "%llu order or state errors; back-press cycles DAM %u/%u, FES %u/%u; broker waited %llu times\n",
+        wall, (unsigned long long)total, (unsigned long long)offered[0], (unsigned long long)offered[1],
+        (unsigned long long)offered[3], (unsigned long long)delivered, (unsigned long long)byOp[0],
+        (unsigned long long)byOp[1], (unsigned long long)byOp[2], (unsigned long long)byOp[3],
+        (unsigned long long)coalesced, (unsigned long long)lost, (unsigned long long)badKeys,
+        (unsigned long long)soak.errors.load(), presses[0], releases[0], presses[1], releases[1],
+        (unsigned long long)waits);
     EXPECT_EQ(soak.errors.load(), 0u) << soak.firstError;
     EXPECT_EQ(total, offered[0] + offered[1] + offered[3]);
     EXPECT_EQ(lost, 0u);

@@ -19,19 +19,29 @@ struct Rec {
     bool operator==(const Rec &) const = default;
 };
 
-uint32_t HashRec(const void *key) { return static_cast<const Rec *>(key)->key; }
+uint32_t HashRec(const void *key)
+{
+    return static_cast<const Rec *>(key)->key;
+}
 uint32_t CmpRec(const void *stored, const void *searched, uint32_t)
 {
     return static_cast<const Rec *>(stored)->key == static_cast<const Rec *>(searched)->key ? 1u : 0u;
 }
-const void *KeyOf(const void *stored) { return stored; }
+const void *KeyOf(const void *stored)
+{
+    return stored;
+}
 
 std::vector<uint32_t> g_events;  // flow-control notifies
 uint32_t g_drains = 0;           // schedProc calls
 std::vector<Rec> g_read;         // what the drain read
 uint32_t g_drainMax = 0;         // 0: the drain reads nothing
 
-uint32_t Notify(uint32_t evt, void *) { g_events.push_back(evt); return 0; }
+uint32_t Notify(uint32_t evt, void *)
+{
+    g_events.push_back(evt);
+    return 0;
+}
 std::vector<Rec> Read(MergeQueCb *q, uint32_t max)
 {
     std::vector<Rec> buf(max);
@@ -48,7 +58,10 @@ uint32_t Drain(MergeQueCb *q)
     return 0;
 }
 // Adds 100 to the new value: proves the merge function runs before the copy.
-void MergeAdd(void *newData, void *) { static_cast<Rec *>(newData)->val += 100; }
+void MergeAdd(void *newData, void *)
+{
+    static_cast<Rec *>(newData)->val += 100;
+}
 
 class MergeQueTest : public rixtest::PlatformTest {
 protected:
@@ -56,8 +69,17 @@ protected:
     {
         PlatformTest::SetUp();
         epFd_ = epoll_create1(EPOLL_CLOEXEC);
-        para_ = {rixtest::CountingAlloc, rixtest::CountingFree, 3u, sizeof(Rec), 64u, HashRec, CmpRec,
-                 epFd_, KeyOf, Drain, nullptr};
+        para_ = {rixtest::CountingAlloc,
+                 rixtest::CountingFree,
+                 3u,
+                 sizeof(Rec),
+                 64u,
+                 HashRec,
+                 CmpRec,
+                 epFd_,
+                 KeyOf,
+                 Drain,
+                 nullptr};
         g_events.clear();
         g_read.clear();
         g_drains = g_drainMax = 0;
@@ -93,8 +115,8 @@ TEST_F(MergeQueTest, CreateRefusalsLeaveNoTraceAndDestroyReleasesPendingEntries)
     bad[0].epFd = -1;
     bad[1].getKeyFunc = nullptr;
     bad[2].dataSize = 65536u;
-    const char *badLogs[] = {"[RIX_MERGE_QUE Create] e para epFd invalid.", "[RIX_MQUE Create] e para hash func invalid.",
-                             nullptr};
+    const char *badLogs[] = {"[RIX_MERGE_QUE Create] e para epFd invalid.",
+                             "[RIX_MQUE Create] e para hash func invalid.", nullptr};
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(RIX_MergeQueCreate("e", &bad[i]), nullptr) << i;
         EXPECT_TRUE(badLogs[i] == nullptr || rixtest::HasLine(badLogs[i])) << badLogs[i];
@@ -197,7 +219,7 @@ TEST_F(MergeQueTest, EventfdUnitsDriveTheDrainThroughBackPressAndFailedCallbacks
     Write(q, 1, 0);
     Write(q, 2, 0);
     Write(q, 1, 1);
-    EXPECT_EQ(RIX_TEST_EpollRunUntilIdle(epFd_), 1u);  // one unit: the empty-to-non-empty write
+    EXPECT_EQ(RIX_TEST_EpollRunUntilIdle(epFd_), 1u);   // one unit: the empty-to-non-empty write
     EXPECT_EQ(Read(q, 1), (std::vector<Rec>{{1, 1}}));  // partial read: one more unit
     EXPECT_EQ(RIX_TEST_EpollRunUntilIdle(epFd_), 1u);
     EXPECT_EQ(Read(q, 5).size(), 1u);  // emptied: none
@@ -217,7 +239,9 @@ TEST_F(MergeQueTest, EventfdUnitsDriveTheDrainThroughBackPressAndFailedCallbacks
 
     // Invalid reads change nothing; a wake-up without a unit reports and reads nothing.
     EXPECT_EQ(RIX_MergeQueRead(q, nullptr, 4), 0u);
-    EXPECT_EQ(RIX_MergeQueReadCallBack(q, 0, [](void *, uint32_t, void *) { return 0u; }, nullptr), 0u);
+    EXPECT_EQ(RIX_MergeQueReadCallBack(
+                  q, 0, [](void *, uint32_t, void *) { return 0u; }, nullptr),
+              0u);
     EXPECT_EQ(q->reader.readerStat[MERGEQUE_RSTAT_EMPTY_READ].count, 28u);
     EXPECT_EQ(RIX_MergeQueSchedProc(q->reader.eventFd, 1, q), 1u);
     EXPECT_TRUE(rixtest::HasLine("merge queue wake Fail To Sched, errno=11"));
@@ -272,15 +296,15 @@ TEST_F(MergeQueTest, PrintedTextFollowsNameOrderFitsTheBufferAndShowsStamps)
         b.resize(RIX_PrintMergeQueListAll(b.data(), 8192));
         return b;
     };
-    EXPECT_EQ(list(), "------------------------\nIndex    MQ-1THD Name    \n------------------------\n"
-                      "0        a_DAM           \n1        a_FES           \n2        b_DAM           \n");
+    EXPECT_EQ(list(),
+              "------------------------\nIndex    MQ-1THD Name    \n------------------------\n"
+              "0        a_DAM           \n1        a_FES           \n2        b_DAM           \n");
 
     std::string fresh(8192, '\0');
     fresh.resize(RIX_PrintMergeQueInfo("a_FES", fresh.data(), 8192));
     EXPECT_EQ(fresh.find("MQUE-1THD-NAME : a_FES[MQUE]\n"), 0u);
     char row[128];
-    snprintf(row, sizeof row, "MQUE-1THD-INFO : MemPtNo [   3], DataSize [   8], HashSize [  64], EpFd [%4d]\n",
-             epFd_);
+    snprintf(row, sizeof row, "MQUE-1THD-INFO : MemPtNo [   3], DataSize [   8], HashSize [  64], EpFd [%4d]\n", epFd_);
     EXPECT_NE(fresh.find(row), std::string::npos);
 
     // A short buffer: each line either fits whole (with its terminator) or is left out.
@@ -310,8 +334,7 @@ TEST_F(MergeQueTest, PrintedTextFollowsNameOrderFitsTheBufferAndShowsStamps)
     struct tm t = {};
     ASSERT_NE(strptime("2026-11-16 11:43:21", "%Y-%m-%d %H:%M:%S", &t), nullptr);
     t.tm_isdst = -1;
-    MergeQueTimeStamp stamp{(static_cast<uint64_t>(mktime(&t)) & ((uint64_t{1} << 44) - 1)) |
-                            (uint64_t{123456} << 44)};
+    MergeQueTimeStamp stamp{(static_cast<uint64_t>(mktime(&t)) & ((uint64_t{1} << 44) - 1)) | (uint64_t{123456} << 44)};
     char out[32];
     EXPECT_STREQ(RIX_MergeQueTrans2Time(out, sizeof out, &stamp), "11-16 11:43:21.123");
     EXPECT_STREQ(RIX_MergeQueTrans2Time(out, 10, &stamp), "");

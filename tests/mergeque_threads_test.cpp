@@ -18,12 +18,18 @@ constexpr int kThreads = 8;
 constexpr auto kDuration = std::chrono::seconds(10);
 constexpr uint32_t kShared = 3;
 
-uint32_t HashU32(const void *key) { return *static_cast<const uint32_t *>(key); }
+uint32_t HashU32(const void *key)
+{
+    return *static_cast<const uint32_t *>(key);
+}
 uint32_t CmpU32(const void *a, const void *b, uint32_t)
 {
     return *static_cast<const uint32_t *>(a) == *static_cast<const uint32_t *>(b) ? 1u : 0u;
 }
-const void *KeyOf(const void *stored) { return stored; }
+const void *KeyOf(const void *stored)
+{
+    return stored;
+}
 
 struct Tally {
     uint64_t created = 0;
@@ -33,8 +39,8 @@ struct Tally {
 void Worker(int id, std::atomic<bool> *stop, Tally *tally)
 {
     const int epFd = epoll_create1(EPOLL_CLOEXEC);
-    MergeQueCreatePara para{rixtest::CountingAlloc, rixtest::CountingFree, 0u, 4u, 16u, HashU32, CmpU32,
-                            epFd, KeyOf, nullptr, nullptr};
+    MergeQueCreatePara para{
+        rixtest::CountingAlloc, rixtest::CountingFree, 0u, 4u, 16u, HashU32, CmpU32, epFd, KeyOf, nullptr, nullptr};
     std::vector<char> buf(4096);
     for (uint32_t round = 0; !stop->load(std::memory_order_relaxed); ++round) {
         char name[32];

@@ -11,8 +11,8 @@
 #include "rix_autosync_orch.h"
 #include "rix_platform_test.h"
 
-#define NC_MSG_ROUTE 0x200u  /* receive message: records {key, value} */
-#define NC_TBL_PORT 7u       /* transfer table: entries {port, state} */
+#define NC_MSG_ROUTE 0x200u /* receive message: records {key, value} */
+#define NC_TBL_PORT 7u      /* transfer table: entries {port, state} */
 
 typedef struct {
     uint32_t key;
@@ -26,9 +26,9 @@ static struct {
 
 static struct {
     ASOrchHandle *orch;
-    uint32_t value[8];      /* last value processed per key */
+    uint32_t value[8]; /* last value processed per key */
     uint32_t processed;
-    uint32_t synced;        /* records the peer received */
+    uint32_t synced; /* records the peer received */
     uint32_t syncFailed;
     uint32_t tblEntries;
     uint32_t tblType;

@@ -39,11 +39,16 @@ void OnThreads(int count, const std::function<void()> &body)
 TEST_F(PlatformBase, TextFunctionsFitExactlyOrRefuseWhole)
 {
     using TextFn = int (*)(char *, size_t, const char *);
-    const struct { const char *name; TextFn fn; int ok; } rows[] = {  // ok: 15 characters in 16
-        {"strcpy_s", strcpy_s, 0},
-        {"strcat_s", [](char *d, size_t n, const char *s) { return (d && n ? d[0] = 0 : 0), strcat_s(d, n, s); }, 0},
-        {"sprintf_s", [](char *d, size_t n, const char *s) { return sprintf_s(d, n, "%s", s); }, 15},
-        {"vsprintf_s", [](char *d, size_t n, const char *s) { return VPrint(d, n, "%s", s); }, 15}};
+    const struct {
+        const char *name;
+        TextFn fn;
+        int ok;
+    } rows[] = {// ok: 15 characters in 16
+                {"strcpy_s", strcpy_s, 0},
+                {"strcat_s",
+                 [](char *d, size_t n, const char *s) { return (d && n ? d[0] = 0 : 0), strcat_s(d, n, s); }, 0},
+                {"sprintf_s", [](char *d, size_t n, const char *s) { return sprintf_s(d, n, "%s", s); }, 15},
+                {"vsprintf_s", [](char *d, size_t n, const char *s) { return VPrint(d, n, "%s", s); }, 15}};
     const std::string fits(15, 'a');
     for (const auto &r : rows) {
         SCOPED_TRACE(r.name);

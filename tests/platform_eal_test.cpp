@@ -232,7 +232,10 @@ TEST_F(PlatformEal, EpollOnAnySetWithDeleteInsideCallback)
     }
 }
 
-void OnTimer(uintptr_t arg) { reinterpret_cast<std::atomic<int> *>(arg)->fetch_add(1); }
+void OnTimer(uintptr_t arg)
+{
+    reinterpret_cast<std::atomic<int> *>(arg)->fetch_add(1);
+}
 
 struct Slow {
     std::atomic<bool> entered{false};
@@ -296,7 +299,8 @@ TEST_F(PlatformEal, StartedThreadsDeliverMessagesWakeUpsAndTimers)
 
     std::atomic<int> ticks{0};
     const int32_t dataEp = RIX_EAL_GetEpollFd(eal, 0);
-    ASSERT_GE(RIX_TIMER_Create(1, reinterpret_cast<uintptr_t>(OnTimer), reinterpret_cast<uintptr_t>(&ticks), dataEp), 0);
+    ASSERT_GE(RIX_TIMER_Create(1, reinterpret_cast<uintptr_t>(OnTimer), reinterpret_cast<uintptr_t>(&ticks), dataEp),
+              0);
     EXPECT_LT(RIX_TIMER_Create(0, reinterpret_cast<uintptr_t>(OnTimer), 0, dataEp), 0);
     EXPECT_LT(RIX_TIMER_Create(1, reinterpret_cast<uintptr_t>(OnTimer), 0, -1), 0);
     while (ticks.load() < 3) {

@@ -21,7 +21,10 @@ struct Entry {
 };
 
 // The key is its own hash, so few buckets collide on purpose (key % buckets).
-uint32_t HashKey(const void *key) { return *static_cast<const uint32_t *>(key); }
+uint32_t HashKey(const void *key)
+{
+    return *static_cast<const uint32_t *>(key);
+}
 uint32_t SameKey(void *data, const void *searched, uint32_t arg)
 {
     return arg == 0 && static_cast<Entry *>(data)->key == *static_cast<const uint32_t *>(searched) ? 1u : 0u;
@@ -114,7 +117,7 @@ TEST_F(PlatformHash, BlockPoolIsReusedAndReleased)
     }
     const uint32_t sysAllocs = RIX_TEST_HashSystemAllocs();
     EXPECT_GT(sysAllocs, 0u);
-    EXPECT_LT(sysAllocs, 20u);  // chunks, not one allocation per block
+    EXPECT_LT(sysAllocs, 20u);                 // chunks, not one allocation per block
     for (int round = 0; round < 3; ++round) {  // blocks freed and taken again come from the pool
         for (Entry *e : held) {
             ASSERT_NE(LITE_HASH_RemoveNodeByKey(hash, &e->key), 0u);
@@ -136,8 +139,9 @@ TEST_F(PlatformHash, BlockPoolIsReusedAndReleased)
 
 TEST(PlatformFastMod, EqualsRemainderForEverySizeClass)
 {
-    std::vector<uint32_t> sizes = {1, 2, 3, 5, 6, 7, 63, 64, 65, 100, 1000, 4095, 4096, 4097, 65535, 65537,
-                                   0x7FFFFFFFu, 0x80000000u, 0x80000001u, 0xFFFFFFFEu, 0xFFFFFFFFu};
+    std::vector<uint32_t> sizes = {1,     2,     3,           5,           6,           7,           63,
+                                   64,    65,    100,         1000,        4095,        4096,        4097,
+                                   65535, 65537, 0x7FFFFFFFu, 0x80000000u, 0x80000001u, 0xFFFFFFFEu, 0xFFFFFFFFu};
     std::mt19937 rng(77);
     for (int i = 0; i < 200; ++i) {
         sizes.push_back(rng() >> (rng() % 32));
@@ -147,8 +151,8 @@ TEST(PlatformFastMod, EqualsRemainderForEverySizeClass)
             continue;
         }
         const rixplat::FastMod f = rixplat::MakeFastMod(d);
-        std::vector<uint32_t> hashes = {0, 1, d - 1, d, d + 1, 2 * d - 1, 2 * d, 0x7FFFFFFFu, 0x80000000u,
-                                        0xFFFFFFFEu, 0xFFFFFFFFu, 0xFFFFFFFFu - d};
+        std::vector<uint32_t> hashes = {0,     1,           d - 1,       d,           d + 1,       2 * d - 1,
+                                        2 * d, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFEu, 0xFFFFFFFFu, 0xFFFFFFFFu - d};
         for (int i = 0; i < 300; ++i) {
             hashes.push_back(rng());
         }
@@ -192,7 +196,8 @@ TEST_F(PlatformHash, BlocksHaveTheAskedSizeAndBucketsFollowTheHash)
             ASSERT_NE(AddEntry(hash, k, 0), nullptr);
         }
         for (uint32_t k : keys) {
-            const auto same = std::count_if(std::begin(keys), std::end(keys), [&](uint32_t o) { return o % count == k % count; });
+            const auto same =
+                std::count_if(std::begin(keys), std::end(keys), [&](uint32_t o) { return o % count == k % count; });
             EXPECT_EQ(LITE_HASH_GetListCntByKey(hash, &k), static_cast<uint32_t>(same)) << k << " of " << count;
         }
         EXPECT_EQ(LITE_HASH_DeleteHash(&hash), 0u);

@@ -19,19 +19,58 @@
 
 namespace {
 
-const char *const kOps[] = {
-    "memcpy_s", "memset_s", "strcpy_s", "strcat_s", "sprintf_s", "vsprintf_s", "FRM_DiagLogWrite", "COMP_GetVTable",
-    "LITE_HASH_CreateWithLock", "LITE_HASH_DeleteHash", "LITE_HASH_NewData", "LITE_HASH_FreeData",
-    "LITE_HASH_AddNode", "LITE_HASH_FindNodeFromFirst", "LITE_HASH_RemoveNodeByKey", "LITE_HASH_GetListCntByKey",
-    "LITE_HASH_GetHashCnt", "ZUL_AVL3_Insert_Or_Find", "ZUL_AVL3_First", "ZUL_AVL3_Next", "RIX_EPOLL_Add",
-    "RIX_EPOLL_DEL", "eventfd_s", "RIX_TIMER_Create", "RIX_EAL_Create", "RIX_EAL_Init", "RIX_EAL_Start",
-    "RIX_EAL_ModInitOk", "RIX_EAL_Destroy", "RIX_EAL_GetEpollFd", "RIX_EAL_SetOndemandParam",
-    "RIX_EAL_RegModStateRsp", "RIX_EAL_RegUcChannel", "RIX_EAL_RegThread", "RIX_EAL_SelfRoleIsMb",
-    "RIX_EAL_ReservePort", "RIX_EAL_GetChannelHdl", "RIX_EAL_RegSyncGroup", "RIX_EAL_RegSyncGrpMsgSet",
-    "RIX_EAL_SetSyncGrpFlowCtl", "RIX_EAL_SyncMsg", "RIX_EAL_SyncBackPress", "RIX_EAL_SyncUnBackPress",
-    "RIX_CHAN_USendMsg", "RIX_CHAN_BackPress", "RIX_CHAN_UnBackPress", "RIX_ENTRY_ProcVrfStateBegin",
-    "RIX_ENTRY_ProcVrfStateEnd", "RIX_ENTRY_ProcVrfState", "RIX_ENTRY_ProcVrfDataBegin", "RIX_ENTRY_ProcVrfDataEnd",
-    "RIX_ENTRY_ProcPidState"};
+const char *const kOps[] = {"memcpy_s",
+                            "memset_s",
+                            "strcpy_s",
+                            "strcat_s",
+                            "sprintf_s",
+                            "vsprintf_s",
+                            "FRM_DiagLogWrite",
+                            "COMP_GetVTable",
+                            "LITE_HASH_CreateWithLock",
+                            "LITE_HASH_DeleteHash",
+                            "LITE_HASH_NewData",
+                            "LITE_HASH_FreeData",
+                            "LITE_HASH_AddNode",
+                            "LITE_HASH_FindNodeFromFirst",
+                            "LITE_HASH_RemoveNodeByKey",
+                            "LITE_HASH_GetListCntByKey",
+                            "LITE_HASH_GetHashCnt",
+                            "ZUL_AVL3_Insert_Or_Find",
+                            "ZUL_AVL3_First",
+                            "ZUL_AVL3_Next",
+                            "RIX_EPOLL_Add",
+                            "RIX_EPOLL_DEL",
+                            "eventfd_s",
+                            "RIX_TIMER_Create",
+                            "RIX_EAL_Create",
+                            "RIX_EAL_Init",
+                            "RIX_EAL_Start",
+                            "RIX_EAL_ModInitOk",
+                            "RIX_EAL_Destroy",
+                            "RIX_EAL_GetEpollFd",
+                            "RIX_EAL_SetOndemandParam",
+                            "RIX_EAL_RegModStateRsp",
+                            "RIX_EAL_RegUcChannel",
+                            "RIX_EAL_RegThread",
+                            "RIX_EAL_SelfRoleIsMb",
+                            "RIX_EAL_ReservePort",
+                            "RIX_EAL_GetChannelHdl",
+                            "RIX_EAL_RegSyncGroup",
+                            "RIX_EAL_RegSyncGrpMsgSet",
+                            "RIX_EAL_SetSyncGrpFlowCtl",
+                            "RIX_EAL_SyncMsg",
+                            "RIX_EAL_SyncBackPress",
+                            "RIX_EAL_SyncUnBackPress",
+                            "RIX_CHAN_USendMsg",
+                            "RIX_CHAN_BackPress",
+                            "RIX_CHAN_UnBackPress",
+                            "RIX_ENTRY_ProcVrfStateBegin",
+                            "RIX_ENTRY_ProcVrfStateEnd",
+                            "RIX_ENTRY_ProcVrfState",
+                            "RIX_ENTRY_ProcVrfDataBegin",
+                            "RIX_ENTRY_ProcVrfDataEnd",
+                            "RIX_ENTRY_ProcPidState"};
 
 TEST(PlatformSweep, EveryPlatformCallFailingInTurnLeavesNothing)
 {
@@ -43,15 +82,18 @@ TEST(PlatformSweep, EveryPlatformCallFailingInTurnLeavesNothing)
         EXPECT_EQ(rixtest::RunScenarioHere([&] { RIX_TEST_FailNth(op.c_str(), n); }), 0);
         return;
     }
-    const rixtest::ChildOutcome base = rixtest::RunScenarioInChild([] {}, true, [] {
-        std::ostringstream out;
-        for (const char *op : kOps) out << RIX_TEST_CallCount(op) << ' ';
-        return out.str();
-    });
+    const rixtest::ChildOutcome base = rixtest::RunScenarioInChild([] {}, true,
+                                                                   [] {
+                                                                       std::ostringstream out;
+                                                                       for (const char *op : kOps)
+                                                                           out << RIX_TEST_CallCount(op) << ' ';
+                                                                       return out.str();
+                                                                   });
     ASSERT_EQ(base.kind, rixtest::ChildOutcome::Ok) << "the scenario without failures:\n" << base.detail;
     std::istringstream in(base.payload);
     std::vector<uint32_t> calls;
-    for (uint32_t c; in >> c;) calls.push_back(c);
+    for (uint32_t c; in >> c;)
+        calls.push_back(c);
     ASSERT_EQ(calls.size(), std::size(kOps));
 
     rixtest::SweepTally tally;

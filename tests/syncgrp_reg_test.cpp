@@ -30,8 +30,9 @@ TEST_F(SyncGrpTest, SelectedGroupsAreRenumberedRegisteredAndAddressed)
     ASSERT_EQ(0u, ASOrchRegSyncGrpBase(h_, &base_));
     ASSERT_NE(nullptr, h_->syncGrpRes);
     EXPECT_EQ((Rets{5u, 2u}), (Rets{h_->syncGrpRes->grpBitmap, h_->syncGrpRes->grpNum}));
-    EXPECT_EQ((std::vector<int32_t>{0, -1, 1, -1}), (std::vector<int32_t>{ASOrchGetSyncGrpId(h_, 0u), ASOrchGetSyncGrpId(h_, 1u),
-                                                                          ASOrchGetSyncGrpId(h_, 2u), ASOrchGetSyncGrpId(h_, 3u)}));
+    EXPECT_EQ((std::vector<int32_t>{0, -1, 1, -1}),
+              (std::vector<int32_t>{ASOrchGetSyncGrpId(h_, 0u), ASOrchGetSyncGrpId(h_, 1u), ASOrchGetSyncGrpId(h_, 2u),
+                                    ASOrchGetSyncGrpId(h_, 3u)}));
 
     // Row 1 carries the defaults of logical group 2 under the layer's id 1.
     ASSERT_EQ(2u, RIX_TEST_EalSyncGrpCount(eal_));
@@ -53,7 +54,8 @@ TEST_F(SyncGrpTest, SelectedGroupsAreRenumberedRegisteredAndAddressed)
     EXPECT_EQ(0, std::memcmp(def, fc->word, sizeof(def)));
     EXPECT_EQ((Strings{"DEMO, Register Orch autosync malloc syncGrpRes ok",
                        "Sync group id 0 set ok. logicThreadId = 0, commThreadId = 1",
-                       "Sync group id 1 set ok. logicThreadId = 2, commThreadId = 1", "DEMO, Sync group set base group ok.",
+                       "Sync group id 1 set ok. logicThreadId = 2, commThreadId = 1",
+                       "DEMO, Sync group set base group ok.",
                        "DEMO, syncGrpId = 0, auto sync register SyncGroupMsgSet ok.",
                        "DEMO, syncGrpId = 1, auto sync register SyncGroupMsgSet ok.",
                        "DEMO, Orch auto sync Register SyncGroup base ok."}),
@@ -138,7 +140,8 @@ TEST_F(SyncGrpTest, WithoutResourcesSendingIsRefusedAndStepFailuresReleaseThem)
                        "DEMO, Orch autosync msg Fail, sync group res is NULL",
                        "DEMO, Orch autosync msg Fail, syncGrpRes is Null", "DEMO, Orch autosync sync group res is NULL",
                        "DEMO, Orch autosync msg Fail, sync groupid Fail msgType = 0",
-                       "UNKONWN, Orch autosync msg Fail, handle is Null", "UNKONWN, Orch autosync sync group res is NULL"}),
+                       "UNKONWN, Orch autosync msg Fail, handle is Null",
+                       "UNKONWN, Orch autosync sync group res is NULL"}),
               Lines());
     EXPECT_EQ(0u, RIX_TEST_CallCount("RIX_EAL_SyncMsg"));
 

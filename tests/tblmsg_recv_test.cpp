@@ -19,7 +19,8 @@ constexpr uint32_t kRec = 8;  // 4-byte key, 4-byte value
 Bytes Body(std::initializer_list<uint32_t> words)
 {
     Bytes b(8, 0xEE);
-    for (uint32_t w : words) b.insert(b.end(), reinterpret_cast<uint8_t *>(&w), reinterpret_cast<uint8_t *>(&w) + 4);
+    for (uint32_t w : words)
+        b.insert(b.end(), reinterpret_cast<uint8_t *>(&w), reinterpret_cast<uint8_t *>(&w) + 4);
     return b;
 }
 uint32_t U32(const void *p, size_t off = 0)
@@ -39,7 +40,10 @@ uint32_t MsgProc(ASOrchHandle *, ASOrchMsgVec *v)
     g_seen.push_back({v->msgId, v->opType, U32(v->key), U32(v->data, 4), v->keyLen, v->dataLen, v->version, v->data});
     return 0;
 }
-uint32_t KeyHash(const void *key) { return U32(static_cast<const ASOrchMsgVec *>(key)->key); }
+uint32_t KeyHash(const void *key)
+{
+    return U32(static_cast<const ASOrchMsgVec *>(key)->key);
+}
 
 std::vector<std::tuple<const void *, uint32_t, ASOrchTblProcInfo>> g_user;  // records, num, info
 uint32_t UserProc(ASOrchHandle *, void *records, uint32_t num, ASOrchTblProcInfo *info)
@@ -57,7 +61,10 @@ void Unpack(void *data, uint32_t len, ASOrchUnpackResult *res, ASOrchMsg *)
     res->ipcNum = (len - 12) / kRec;
     res->ipcBuf = static_cast<uint8_t *>(data) + 12;
 }
-void UnpackFree(ASOrchUnpackResult *) { ++g_frees; }
+void UnpackFree(ASOrchUnpackResult *)
+{
+    ++g_frees;
+}
 
 class RecvTest : public rixtest::OrchTest {
 protected:
@@ -75,7 +82,8 @@ protected:
         lists_[0] = std::move(l0);
         lists_[1] = std::move(l1);
         ASOrchBasePara base{};
-        for (int i = 0; i < 2; ++i) base.recvTblMsg[i] = {lists_[i].data(), uint32_t(lists_[i].size())};
+        for (int i = 0; i < 2; ++i)
+            base.recvTblMsg[i] = {lists_[i].data(), uint32_t(lists_[i].size())};
         base.mergeMque[0] = {mergeMsg_, 1, 64, KeyHash, 0, 0};
         const uint32_t r = ASOrchRegTblMsg(h_, &base);
         if (r == 0) {
@@ -178,7 +186,8 @@ TEST_F(RecvTest, BodiesGoRecordByRecordInOrderOrAsOneRunWithTheirVersions)
     for (uint32_t i = 0; i < 3; ++i) {
         const Seen &s = g_seen[i];
         EXPECT_EQ(std::tuple(s.key, s.value, s.msgId, s.opType, s.keyLen, s.dataLen, s.version),
-                  std::tuple(i + 1, 100 * (i + 1), 77u, 1u, 4u, kRec, 1u)) << i;
+                  std::tuple(i + 1, 100 * (i + 1), 77u, 1u, 4u, kRec, 1u))
+            << i;
         EXPECT_EQ(s.data, guard_->data() + 8 + i * kRec) << "records are not copied";
     }
     ASSERT_EQ(Send(0x7F7F7F6Fu, Body({9, 9})), 0u);
@@ -209,12 +218,17 @@ TEST_F(RecvTest, BodiesGoRecordByRecordInOrderOrAsOneRunWithTheirVersions)
     EXPECT_EQ(std::pair(g_unpacks, g_frees), std::pair(2u, 2u));
     EXPECT_EQ(ASOrchIncTblMsgVersion(h_, 11, &v1), 1u);
     EXPECT_EQ(ASOrchIncTransTblMsgVersion(h_, 10, &v1), 1u);
-    const std::vector<std::string> want = {
-        "msgLen is not multi of ipcSize, len = 9, size = 8.", "msgLen is not multi of ipcSize, len = 5, size = 8.",
-        "msgLen is not multi of ipcSize, len = 8, size = 0.", "OrchGetTblMsgCtrl from hash failed, unknown key 99.",
-        "msg proc unknown msg! msgId:99", "ipc unpack msgId = 40 opType = 2 is error.", "unpack para is null.",
-        "OrchGetTblMsgCtrl from hash failed, unknown key 11.", "Orch set tblmsg version failed. msgId:11",
-        "hashTble is null, unknown key 10.", "Orch set tblmsg version failed. tableId:10"};
+    const std::vector<std::string> want = {"msgLen is not multi of ipcSize, len = 9, size = 8.",
+                                           "msgLen is not multi of ipcSize, len = 5, size = 8.",
+                                           "msgLen is not multi of ipcSize, len = 8, size = 0.",
+                                           "OrchGetTblMsgCtrl from hash failed, unknown key 99.",
+                                           "msg proc unknown msg! msgId:99",
+                                           "ipc unpack msgId = 40 opType = 2 is error.",
+                                           "unpack para is null.",
+                                           "OrchGetTblMsgCtrl from hash failed, unknown key 11.",
+                                           "Orch set tblmsg version failed. msgId:11",
+                                           "hashTble is null, unknown key 10.",
+                                           "Orch set tblmsg version failed. tableId:10"};
     EXPECT_EQ(rixtest::Lines(), want) << rixtest::DumpLines();
     EXPECT_EQ(g_seen.size(), 7u);
 }
@@ -237,9 +251,10 @@ TEST_F(RecvTest, SendersUseTheirChannelAndLoopbackAndNullArgumentsAreRefused)
     EXPECT_EQ(ASOrchMsgProc(h_, &empty), 1u);
     EXPECT_EQ(ASOrchMsgInfoProc(h_, nullptr), 1u);
     EXPECT_EQ(ASOrchSmoothMsgProc(h_, nullptr, 16, nullptr, nullptr), -1);
-    const std::vector<std::string> want = {
-        "rv, send chan 0 msg failed, no channel. len = 4.", "recv feibrk channel msg handle is null.",
-        "recv feibrk channel msg is null.", "ASOrchMsgInfoProc, null argument.", "ASOrchSmoothMsgProc, null argument."};
+    const std::vector<std::string> want = {"rv, send chan 0 msg failed, no channel. len = 4.",
+                                           "recv feibrk channel msg handle is null.",
+                                           "recv feibrk channel msg is null.", "ASOrchMsgInfoProc, null argument.",
+                                           "ASOrchSmoothMsgProc, null argument."};
     EXPECT_EQ(rixtest::Lines(), want) << rixtest::DumpLines();
 }
 
@@ -251,7 +266,8 @@ TEST_F(RecvTest, BurstsCoalescePerKeyAndDrainOldestFirst)
     auto drain = [this] {
         RIX_TEST_EalRunUntilIdle(ASOrchGetEalHdl(h_), 0);
         Kov got;
-        for (const Seen &s : g_seen) got.emplace_back(s.key, s.opType, s.value);
+        for (const Seen &s : g_seen)
+            got.emplace_back(s.key, s.opType, s.value);
         return g_seen.clear(), got;
     };
     for (int round = 0; round < 2; ++round) {

@@ -20,10 +20,22 @@ Bytes W(std::initializer_list<uint32_t> ws)
     std::memcpy(b.data(), ws.begin(), b.size());
     return b;
 }
-Bytes operator+(Bytes a, const Bytes &b) { return a.insert(a.end(), b.begin(), b.end()), a; }
-Bytes Tlv(uint32_t tableId, uint32_t type, const Bytes &v) { return W({tableId, type, uint32_t(v.size())}) + v; }
-Bytes TransBody(const Bytes &area, uint32_t areaLen) { return Bytes(8, 0xEE) + W({areaLen}) + area; }
-Bytes TransBody(const Bytes &area) { return TransBody(area, uint32_t(area.size())); }
+Bytes operator+(Bytes a, const Bytes &b)
+{
+    return a.insert(a.end(), b.begin(), b.end()), a;
+}
+Bytes Tlv(uint32_t tableId, uint32_t type, const Bytes &v)
+{
+    return W({tableId, type, uint32_t(v.size())}) + v;
+}
+Bytes TransBody(const Bytes &area, uint32_t areaLen)
+{
+    return Bytes(8, 0xEE) + W({areaLen}) + area;
+}
+Bytes TransBody(const Bytes &area)
+{
+    return TransBody(area, uint32_t(area.size()));
+}
 
 // A tblMsgProc call: offset of the tables into the body (0: elsewhere), nums, size, version,
 // procParam, tlvType.
@@ -48,8 +60,14 @@ uint32_t Record(char who, uint32_t tableId, uint32_t optType, void *rec, uint32_
     g_sm.emplace_back(who, tableId, optType, p == nullptr, p ? Bytes(p, p + size) : Bytes{});
     return 0;
 }
-uint32_t Pre(uint32_t t, uint32_t o, void *r, uint32_t s) { return Record('P', t, o, r, s); }
-uint32_t Proc(uint32_t t, uint32_t o, void *r, uint32_t s) { return Record('S', t, o, r, s); }
+uint32_t Pre(uint32_t t, uint32_t o, void *r, uint32_t s)
+{
+    return Record('P', t, o, r, s);
+}
+uint32_t Proc(uint32_t t, uint32_t o, void *r, uint32_t s)
+{
+    return Record('S', t, o, r, s);
+}
 
 std::vector<std::pair<std::string, Bytes>> Entries()
 {
@@ -96,28 +114,28 @@ protected:
 
 TEST_F(TransTest, EveryTlvTypeReachesItsConsumerByteForByte)
 {
-    const Bytes items = W({7, 16, 300, 41}) +              // class begin
-                        W({15, 20, 300, 42, 3}) +          // pid state
-                        W({9, 32, 300, 5, 6, 7, 8, 9}) +   // vrf state
-                        W({10, 28, 300, 43, 1, 2, 3}) +    // vrf data begin
-                        W({11, 28, 300, 44, 4, 5, 6}) +    // vrf data end
-                        W({8, 16, 300, 45}) +              // class end
-                        W({16, 16, 300, 46}) +             // LR: smoothProc only
-                        W({190, 16, 300, 47});             // DAM class
-    const Bytes area = Tlv(100, 1, Bytes(20, 0x11))                      // 0: DAM, 2 x 8, 4 ignored
-                       + Tlv(200, 1, W({0xDEAD, 12, 1, 2, 3}))           // 1: FES, 12 bytes of 4
-                       + Tlv(999, 1, Bytes(4, 0))                        // 2: unknown table
-                       + Tlv(200, 2, W({0, 6, 0x22, 0x22, 0x22}))                 // 3: FES, 2 x 6
-                       + Tlv(100, 18, Bytes(4, 0x33))                    // 4: composite
-                       + Tlv(300, 0, items)                              // 5
+    const Bytes items = W({7, 16, 300, 41}) +                      // class begin
+                        W({15, 20, 300, 42, 3}) +                  // pid state
+                        W({9, 32, 300, 5, 6, 7, 8, 9}) +           // vrf state
+                        W({10, 28, 300, 43, 1, 2, 3}) +            // vrf data begin
+                        W({11, 28, 300, 44, 4, 5, 6}) +            // vrf data end
+                        W({8, 16, 300, 45}) +                      // class end
+                        W({16, 16, 300, 46}) +                     // LR: smoothProc only
+                        W({190, 16, 300, 47});                     // DAM class
+    const Bytes area = Tlv(100, 1, Bytes(20, 0x11))                // 0: DAM, 2 x 8, 4 ignored
+                       + Tlv(200, 1, W({0xDEAD, 12, 1, 2, 3}))     // 1: FES, 12 bytes of 4
+                       + Tlv(999, 1, Bytes(4, 0))                  // 2: unknown table
+                       + Tlv(200, 2, W({0, 6, 0x22, 0x22, 0x22}))  // 3: FES, 2 x 6
+                       + Tlv(100, 18, Bytes(4, 0x33))              // 4: composite
+                       + Tlv(300, 0, items)                        // 5
                        + Tlv(301, 5, W({7, 16, 301, 51, 16, 16, 301, 52, 191, 16, 301, 53}))  // 6
-                       + Tlv(100, 19, {})                                // 7
-                       + Tlv(100, 2, Bytes(6, 0x44));                    // 8: DAM single entry
+                       + Tlv(100, 19, {})                                                     // 7
+                       + Tlv(100, 2, Bytes(6, 0x44));                                         // 8: DAM single entry
     ASSERT_EQ(ASOrchIncTransTblMsgVersion(h_, 100, nullptr), 0u);
     ASSERT_EQ(Send(TransBody(area)), 0u) << rixtest::DumpLines();
 
     // Composite tables are handed whole, from their TLV header.
-    const std::vector<TblCall> tbl = {{24, 2, 8, 1, 0xA1, 1},   {64, 3, 4, 0, 0xB2, 1},  {112, 2, 6, 0, 0xB2, 2},
+    const std::vector<TblCall> tbl = {{24, 2, 8, 1, 0xA1, 1},    {64, 3, 4, 0, 0xB2, 1},    {112, 2, 6, 0, 0xB2, 2},
                                       {124, 1, 16, 1, 0xA1, 18}, {384, 1, 12, 1, 0xA1, 19}, {408, 1, 6, 1, 0xA1, 2}};
     EXPECT_EQ(g_tbl, tbl);
     EXPECT_TRUE(rixtest::HasLine("tm, get tbl trans tbl failed.tableId = 999.")) << rixtest::DumpLines();
@@ -128,16 +146,23 @@ TEST_F(TransTest, EveryTlvTypeReachesItsConsumerByteForByte)
     // nothing; 190 hands pre a null record. Table 301: smoothProc only, no entry point.
     const Bytes cls = W({300, 41, 0}), pid = W({300, 42, 3}), vrf = W({300, 5, 6, 7, 8, 9}) + Bytes(48, 0);
     const Bytes vdb = W({300, 43, 1, 2, 3, 0}), vde = W({300, 44, 4, 5, 6, 0}), cle = W({300, 45, 0});
-    const std::vector<SmCall> sm = {
-        {'P', 300, 7, false, cls},  {'P', 300, 15, false, pid}, {'P', 300, 9, false, vrf},
-        {'P', 300, 10, false, vdb}, {'P', 300, 11, false, vde}, {'P', 300, 8, false, cle},
-        {'P', 300, 190, true, {}},  {'S', 301, 7, false, W({301, 51, 0})},
-        {'S', 301, 16, false, W({301, 52, 0})}, {'S', 301, 191, true, {}}};
+    const std::vector<SmCall> sm = {{'P', 300, 7, false, cls},
+                                    {'P', 300, 15, false, pid},
+                                    {'P', 300, 9, false, vrf},
+                                    {'P', 300, 10, false, vdb},
+                                    {'P', 300, 11, false, vde},
+                                    {'P', 300, 8, false, cle},
+                                    {'P', 300, 190, true, {}},
+                                    {'S', 301, 7, false, W({301, 51, 0})},
+                                    {'S', 301, 16, false, W({301, 52, 0})},
+                                    {'S', 301, 191, true, {}}};
     EXPECT_EQ(g_sm, sm);
-    const std::vector<std::pair<std::string, Bytes>> entries = {
-        {"RIX_ENTRY_ProcVrfStateBegin", cls}, {"RIX_ENTRY_ProcPidState", pid},
-        {"RIX_ENTRY_ProcVrfState", vrf},      {"RIX_ENTRY_ProcVrfDataBegin", vdb},
-        {"RIX_ENTRY_ProcVrfDataEnd", vde},    {"RIX_ENTRY_ProcVrfStateEnd", cle}};
+    const std::vector<std::pair<std::string, Bytes>> entries = {{"RIX_ENTRY_ProcVrfStateBegin", cls},
+                                                                {"RIX_ENTRY_ProcPidState", pid},
+                                                                {"RIX_ENTRY_ProcVrfState", vrf},
+                                                                {"RIX_ENTRY_ProcVrfDataBegin", vdb},
+                                                                {"RIX_ENTRY_ProcVrfDataEnd", vde},
+                                                                {"RIX_ENTRY_ProcVrfStateEnd", cle}};
     EXPECT_EQ(Entries(), entries);
 }
 
@@ -204,11 +229,11 @@ TEST_F(TransTest, MalformedLengthsStopTheWalkInsideTheBody)
     const Bytes one = Tlv(100, 1, Bytes(8, 0));
     Bytes valueCut = one + one;
     valueCut.resize(valueCut.size() - 4);  // the second value runs 4 bytes past the area
-    const std::tuple<Bytes, size_t, std::string> cases[] = {  // body, tblMsgProc calls, line
+    const std::tuple<Bytes, size_t, std::string> cases[] = {
+        // body, tblMsgProc calls, line
         {Bytes(11, 0), 0, "tm, recv feibrk trans msg 2139062133 shorter than its header. len = 11."},
         {TransBody(Bytes(11, 0)), 0, "tm, recv feibrk trans msg is error."},
-        {TransBody(one, 40), 0,
-         "tm, recv feibrk trans msg 2139062133 tlv area exceeds body. tlvArea = 40, len = 32."},
+        {TransBody(one, 40), 0, "tm, recv feibrk trans msg 2139062133 tlv area exceeds body. tlvArea = 40, len = 32."},
         {TransBody(one + Bytes(8, 0)), 1,  // a second TLV header of 8 bytes only
          "tm, feibrk trans msg 2139062133 tlv 1 header exceeds area. offset = 20, tlvArea = 28."},
         {TransBody(valueCut), 1,

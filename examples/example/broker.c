@@ -204,8 +204,13 @@ static int ExSendUnmerged(uint8_t *buf, int arp)
     ExWr32(buf, arp ? EX_MSG_ARP_PROBE : EX_MSG_IF_STATS);
     ExWr32(buf + 4, n);
     for (uint32_t i = 0; i < n; i++) {
-        ExRecord r = {ExRandBelow(1u << 20), arp ? EX_TAG_ARP : EX_TAG_STATS, 1u, (uint32_t)++g_run.broker.seq, 0u,
-                      (uint32_t)ExRand(), 0u};
+        ExRecord r = {ExRandBelow(1u << 20),
+                      arp ? EX_TAG_ARP : EX_TAG_STATS,
+                      1u,
+                      (uint32_t)++g_run.broker.seq,
+                      0u,
+                      (uint32_t)ExRand(),
+                      0u};
         ExRecordFill(buf + EX_HDR_SIZE + (size_t)i * size, size, &r);
     }
     if (arp) {
@@ -293,9 +298,9 @@ static int ExSendSmoothing(uint8_t *buf)
     ExWr32(buf, EX_MSG_TRANS_SMOOTH);
     ExWr32(buf + 4, 2u);
     ExWr32(buf + 8, total - 12u);
-    g_run.broker.smoothPre += 7u;      /* every item of the first table */
+    g_run.broker.smoothPre += 7u;       /* every item of the first table */
     g_run.broker.platformEntries += 6u; /* all but the DAM class item */
-    g_run.broker.smoothOwn += 6u;      /* every item of the second table */
+    g_run.broker.smoothOwn += 6u;       /* every item of the second table */
     return ExBrokerSend(ASORCH_CHAN_EVT, buf, total);
 }
 
@@ -342,4 +347,3 @@ void ExRunBroker(double start, int tty)
     }
     free(buf);
 }
-

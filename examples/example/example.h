@@ -24,12 +24,12 @@
 #define EX_MAX_BODY 16384u
 
 /* Table messages (receive registry). */
-#define EX_MSG_ROUTE_ADD 0x00010001u  /* DAM, plain records, merged */
-#define EX_MSG_ROUTE_DEL 0x00010002u  /* DAM, plain records, merged */
-#define EX_MSG_ARP_PROBE 0x00010003u  /* DAM, plain records, processed at once */
-#define EX_MSG_NHP_ADD 0x00010011u    /* FES, serially packed, merged */
-#define EX_MSG_NHP_DEL 0x00010012u    /* FES, serially packed, merged */
-#define EX_MSG_IF_STATS 0x00010021u   /* UP, plain records, user-defined processing */
+#define EX_MSG_ROUTE_ADD 0x00010001u /* DAM, plain records, merged */
+#define EX_MSG_ROUTE_DEL 0x00010002u /* DAM, plain records, merged */
+#define EX_MSG_ARP_PROBE 0x00010003u /* DAM, plain records, processed at once */
+#define EX_MSG_NHP_ADD 0x00010011u   /* FES, serially packed, merged */
+#define EX_MSG_NHP_DEL 0x00010012u   /* FES, serially packed, merged */
+#define EX_MSG_IF_STATS 0x00010021u  /* UP, plain records, user-defined processing */
 
 /* Ids under which records travel through the merge layer. */
 #define EX_MMSG_ROUTE 0x00020001u
@@ -46,8 +46,8 @@
 #define EX_TBL_DAM 0x101u
 #define EX_TBL_COMP 0x103u
 #define EX_TBL_FES 0x201u
-#define EX_TBL_SMOOTH_PLAT 0x301u  /* pre-callback, then the platform's entry points */
-#define EX_TBL_SMOOTH_OWN 0x302u   /* the module's own smoothing replaces the platform's */
+#define EX_TBL_SMOOTH_PLAT 0x301u /* pre-callback, then the platform's entry points */
+#define EX_TBL_SMOOTH_OWN 0x302u  /* the module's own smoothing replaces the platform's */
 #define EX_DAM_ENTRY_SIZE 32u
 #define EX_FES_ENTRY_SIZE 24u
 
@@ -63,9 +63,9 @@ enum { EX_T_DAM = 0, EX_T_FES = 1, EX_T_NUM = 2 };
 typedef struct ExRecord {
     uint32_t key;
     uint32_t tag;
-    uint32_t keyVer;  /* n-th offer of this key, from 1 */
-    uint32_t seq;     /* global offer sequence */
-    uint32_t op;      /* as offered: 0 add, 1 delete */
+    uint32_t keyVer; /* n-th offer of this key, from 1 */
+    uint32_t seq;    /* global offer sequence */
+    uint32_t op;     /* as offered: 0 add, 1 delete */
     uint32_t state;
     uint32_t check;
 } ExRecord;
@@ -119,9 +119,9 @@ typedef struct ExKeyBook {
 } ExKeyBook;
 
 typedef struct ExTableBooks {
-    ExKeyBook *keys;          /* by key index */
-    uint64_t pendingEntries;  /* DATA thread */
-    uint64_t peakPending;     /* DATA thread */
+    ExKeyBook *keys;         /* by key index */
+    uint64_t pendingEntries; /* DATA thread */
+    uint64_t peakPending;    /* DATA thread */
 } ExTableBooks;
 
 typedef struct ExCounters {
@@ -146,7 +146,7 @@ typedef struct ExCounters {
     atomic_uint_fast64_t unpackFrees;
     atomic_uint_fast64_t notifyCalls;
     atomic_uint_fast64_t errors;
-    atomic_uint_fast64_t allocs;  /* the orchestrators' allocator */
+    atomic_uint_fast64_t allocs; /* the orchestrators' allocator */
     atomic_uint_fast64_t frees;
     atomic_int_fast64_t liveBytes;
     atomic_int_fast64_t peakBytes;

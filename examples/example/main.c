@@ -29,9 +29,8 @@ void *ExAlloc(uint32_t size)
     atomic_fetch_add_explicit(&g_run.cnt.allocs, 1u, memory_order_relaxed);
     int_fast64_t live = atomic_fetch_add_explicit(&g_run.cnt.liveBytes, size, memory_order_relaxed) + size;
     int_fast64_t peak = atomic_load_explicit(&g_run.cnt.peakBytes, memory_order_relaxed);
-    while (live > peak &&
-           !atomic_compare_exchange_weak_explicit(&g_run.cnt.peakBytes, &peak, live, memory_order_relaxed,
-                                                  memory_order_relaxed)) {
+    while (live > peak && !atomic_compare_exchange_weak_explicit(&g_run.cnt.peakBytes, &peak, live,
+                                                                 memory_order_relaxed, memory_order_relaxed)) {
     }
     return h + 1;
 }
@@ -247,7 +246,8 @@ int main(int argc, char **argv)
         }
     }
 
-    printf("example_module: %" PRIu64 " records over %u keys per table (skew %.2f), %u-byte records, "
+    printf("example_module: %" PRIu64
+           " records over %u keys per table (skew %.2f), %u-byte records, "
            "bursts of up to %u\n",
            g_run.opt.records, g_run.opt.keys, g_run.opt.skew, g_run.opt.recordSize, g_run.opt.maxBurst);
     double start = ExNow();

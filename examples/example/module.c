@@ -17,10 +17,10 @@
 /* Merge types: 0 to 3 go through a queue, bit 0 choosing it (0 DAM, 1 FES) and 2 or 3 moving
  * an updated entry to the tail; 4 is processed at once from the DAM message table, 5 and up
  * from the FES one. With a user-defined function it is only that function's procParam. */
-#define EX_MT_ROUTE 0u  /* DAM queue, an update keeps its place */
-#define EX_MT_NHP 3u    /* FES queue, an update moves to the tail */
-#define EX_MT_ARP 4u    /* at once, DAM message table */
-#define EX_MT_STATS 5u  /* handed to the user-defined function as procParam */
+#define EX_MT_ROUTE 0u /* DAM queue, an update keeps its place */
+#define EX_MT_NHP 3u   /* FES queue, an update moves to the tail */
+#define EX_MT_ARP 4u   /* at once, DAM message table */
+#define EX_MT_STATS 5u /* handed to the user-defined function as procParam */
 
 /* procParam of the transfer tables: comes back to the table function in its info. */
 #define EX_PROCPARAM_DAM 0xD0u
@@ -65,8 +65,8 @@ static uint32_t ExMergedProc(ASOrchHandle *handle, ASOrchMsgVec *vec, uint32_t s
     if (handle != g_run.mod || vec->opType != slotOp || vec->keyLen != EX_KEY_SIZE || vec->key == NULL ||
         vec->data == NULL || ExRecordVerify(vec->data, vec->dataLen, &rec) != 0 ||
         memcmp(vec->key, vec->data, EX_KEY_SIZE) != 0) {
-        ExError("corrupt vector: msgId 0x%x opType %u (slot %u) keyLen %u dataLen %u", vec->msgId, vec->opType,
-                slotOp, vec->keyLen, vec->dataLen);
+        ExError("corrupt vector: msgId 0x%x opType %u (slot %u) keyLen %u dataLen %u", vec->msgId, vec->opType, slotOp,
+                vec->keyLen, vec->dataLen);
         return 1u;
     }
     int t = ExTableOfTag(rec.tag);
@@ -84,9 +84,18 @@ static uint32_t ExMergedProc(ASOrchHandle *handle, ASOrchMsgVec *vec, uint32_t s
     return 0u;
 }
 
-static uint32_t ExMergedOp0(ASOrchHandle *h, ASOrchMsgVec *v) { return ExMergedProc(h, v, 0u); }
-static uint32_t ExMergedOp1(ASOrchHandle *h, ASOrchMsgVec *v) { return ExMergedProc(h, v, 1u); }
-static uint32_t ExMergedOp2(ASOrchHandle *h, ASOrchMsgVec *v) { return ExMergedProc(h, v, 2u); }
+static uint32_t ExMergedOp0(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return ExMergedProc(h, v, 0u);
+}
+static uint32_t ExMergedOp1(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return ExMergedProc(h, v, 1u);
+}
+static uint32_t ExMergedOp2(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return ExMergedProc(h, v, 2u);
+}
 
 /* ARP probes are processed at once: key and data point into the received body itself. */
 static uint32_t ExArpProc(ASOrchHandle *handle, ASOrchMsgVec *vec)
@@ -284,15 +293,29 @@ static ASOrchTblMsgRecvReg g_recvTables[] = {
     /* Add and delete share a merge id so that they coalesce per key; mergeOpType 1 makes a
      * delete's records opType 1. */
     {.mergeMsgId = EX_MMSG_ROUTE, .msgId = EX_MSG_ROUTE_ADD, .mergeType = EX_MT_ROUTE, .keySize = EX_KEY_SIZE},
-    {.mergeMsgId = EX_MMSG_ROUTE, .msgId = EX_MSG_ROUTE_DEL, .mergeType = EX_MT_ROUTE, .mergeOpType = 1u,
+    {.mergeMsgId = EX_MMSG_ROUTE,
+     .msgId = EX_MSG_ROUTE_DEL,
+     .mergeType = EX_MT_ROUTE,
+     .mergeOpType = 1u,
      .keySize = EX_KEY_SIZE},
     /* Probes are events, not state: nothing to coalesce, processed at once. */
     {.mergeMsgId = EX_MMSG_ARP, .msgId = EX_MSG_ARP_PROBE, .mergeType = EX_MT_ARP, .keySize = EX_KEY_SIZE},
     /* Packed bodies: the unpack must report the registered opType, else the message drops. */
-    {.mergeMsgId = EX_MMSG_NHP, .msgId = EX_MSG_NHP_ADD, .opType = EX_NHP_ADD_OPTYPE, .unpackFunc = ExNhpUnpack,
-     .unpackFreeFunc = ExNhpUnpackFree, .mergeType = EX_MT_NHP, .keySize = EX_KEY_SIZE},
-    {.mergeMsgId = EX_MMSG_NHP, .msgId = EX_MSG_NHP_DEL, .opType = EX_NHP_DEL_OPTYPE, .unpackFunc = ExNhpUnpack,
-     .unpackFreeFunc = ExNhpUnpackFree, .mergeType = EX_MT_NHP, .mergeOpType = 1u, .keySize = EX_KEY_SIZE},
+    {.mergeMsgId = EX_MMSG_NHP,
+     .msgId = EX_MSG_NHP_ADD,
+     .opType = EX_NHP_ADD_OPTYPE,
+     .unpackFunc = ExNhpUnpack,
+     .unpackFreeFunc = ExNhpUnpackFree,
+     .mergeType = EX_MT_NHP,
+     .keySize = EX_KEY_SIZE},
+    {.mergeMsgId = EX_MMSG_NHP,
+     .msgId = EX_MSG_NHP_DEL,
+     .opType = EX_NHP_DEL_OPTYPE,
+     .unpackFunc = ExNhpUnpack,
+     .unpackFreeFunc = ExNhpUnpackFree,
+     .mergeType = EX_MT_NHP,
+     .mergeOpType = 1u,
+     .keySize = EX_KEY_SIZE},
 };
 /* Both lists feed one registry; statistics sit in the second only to show that it works. */
 static ASOrchTblMsgRecvReg g_recvStats[] = {
@@ -336,8 +359,8 @@ int ExRegisterModule(ASOrchHandle *h)
     fc.word[6] = 0x8000u;
     fc.word[7] = 0x6000u;
     fc.word[8] = 0x3000u;
-    if (ASOrchAdvSetSynGrpVerifyInterVal(h, 2u, 500u) != 0u || ASOrchAdvSetSynGrpNotifyFunc(h, 0u, ExSyncGrpNotify) != 0u ||
-        ASOrchAdvSetSynGrpFlowCtrl(h, 2u, &fc) != 0u) {
+    if (ASOrchAdvSetSynGrpVerifyInterVal(h, 2u, 500u) != 0u ||
+        ASOrchAdvSetSynGrpNotifyFunc(h, 0u, ExSyncGrpNotify) != 0u || ASOrchAdvSetSynGrpFlowCtrl(h, 2u, &fc) != 0u) {
         ExError("advanced sync-group options refused");
         return -1;
     }
@@ -355,8 +378,8 @@ int ExRegisterModule(ASOrchHandle *h)
     bp.reservePort[0] = 0x2F00u;
     bp.reservePort[1] = 1u;
     /* Group 0 is required; a non-zero word selects a group and is its message set. */
-    bp.syncGrpMsgSet[0] = 0x0101u;  /* group 0: DAM data */
-    bp.syncGrpMsgSet[2] = 0x0202u;  /* group 2: FES data */
+    bp.syncGrpMsgSet[0] = 0x0101u; /* group 0: DAM data */
+    bp.syncGrpMsgSet[2] = 0x0202u; /* group 2: FES data */
     /* All four channels, each on its own broker port (at least one is required); chanArg goes
      * into the channel record unchanged, here the channel's number. */
     for (uint32_t c = 0; c < ASORCH_CHAN_NUM; c++) {
@@ -375,10 +398,10 @@ int ExRegisterModule(ASOrchHandle *h)
 
     /* Hash buckets: four per entry that the high water mark lets pend. Water marks low
      * enough that the broker meets back-pressure (0 takes the defaults). */
-    bp.mergeMque[0] = (ASOrchMergeReg){g_damMsgs, EX_COUNT(g_damMsgs), 4096u, ExModDamHash, EX_DAM_HIGH_WATER,
-                                       EX_DAM_LOW_WATER};
-    bp.mergeMque[1] = (ASOrchMergeReg){g_fesMsgs, EX_COUNT(g_fesMsgs), 2048u, ExModFesHash, EX_FES_HIGH_WATER,
-                                       EX_FES_LOW_WATER};
+    bp.mergeMque[0] =
+        (ASOrchMergeReg){g_damMsgs, EX_COUNT(g_damMsgs), 4096u, ExModDamHash, EX_DAM_HIGH_WATER, EX_DAM_LOW_WATER};
+    bp.mergeMque[1] =
+        (ASOrchMergeReg){g_fesMsgs, EX_COUNT(g_fesMsgs), 2048u, ExModFesHash, EX_FES_HIGH_WATER, EX_FES_LOW_WATER};
 
     /* Runs its steps in order and stops at the first failure. */
     if (ASOrchRegBase(h, &bp) != 0u) {

@@ -14,8 +14,8 @@ static uint32_t ExPeerProc(ASOrchHandle *handle, ASOrchMsgVec *vec, uint32_t slo
     ExRecord rec;
     int t = vec->msgId == EX_MMSG_ROUTE ? EX_T_DAM : vec->msgId == EX_MMSG_NHP ? EX_T_FES : -1;
     if (handle != g_run.peer || t < 0 || vec->opType != slotOp || vec->keyLen != EX_KEY_SIZE ||
-        ExRecordVerify(vec->data, vec->dataLen, &rec) != 0 || rec.tag != ExTableTag(t) ||
-        rec.key >= g_run.opt.keys || memcmp(vec->key, vec->data, EX_KEY_SIZE) != 0) {
+        ExRecordVerify(vec->data, vec->dataLen, &rec) != 0 || rec.tag != ExTableTag(t) || rec.key >= g_run.opt.keys ||
+        memcmp(vec->key, vec->data, EX_KEY_SIZE) != 0) {
         ExError("peer: corrupt vector msgId 0x%x opType %u", vec->msgId, vec->opType);
         return 1u;
     }
@@ -26,9 +26,18 @@ static uint32_t ExPeerProc(ASOrchHandle *handle, ASOrchMsgVec *vec, uint32_t slo
     return 0u;
 }
 
-static uint32_t ExPeerOp0(ASOrchHandle *h, ASOrchMsgVec *v) { return ExPeerProc(h, v, 0u); }
-static uint32_t ExPeerOp1(ASOrchHandle *h, ASOrchMsgVec *v) { return ExPeerProc(h, v, 1u); }
-static uint32_t ExPeerOp2(ASOrchHandle *h, ASOrchMsgVec *v) { return ExPeerProc(h, v, 2u); }
+static uint32_t ExPeerOp0(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return ExPeerProc(h, v, 0u);
+}
+static uint32_t ExPeerOp1(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return ExPeerProc(h, v, 1u);
+}
+static uint32_t ExPeerOp2(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return ExPeerProc(h, v, 2u);
+}
 
 static uint32_t ExPeerDamHash(const void *key)
 {

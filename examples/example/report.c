@@ -83,7 +83,8 @@ void ExNotePending(uint32_t msgId, const uint8_t *body, uint32_t len)
             ExNoteKeyPending(EX_T_DAM, ExRd32(body + off));
         }
     } else if (msgId == EX_MSG_NHP_ADD || msgId == EX_MSG_NHP_DEL) {
-        for (uint32_t off = EX_PACKED_HDR_SIZE; off + sizeof(ExPackedRec) <= len; off += (uint32_t)sizeof(ExPackedRec)) {
+        for (uint32_t off = EX_PACKED_HDR_SIZE; off + sizeof(ExPackedRec) <= len;
+             off += (uint32_t)sizeof(ExPackedRec)) {
             ExNoteKeyPending(EX_T_FES, ExRd32(body + off));
         }
     }
@@ -97,8 +98,8 @@ int ExBookDelivered(int table, const ExRecord *rec, uint32_t opType)
     ExKeyBook *k = &b->keys[rec->key];
     uint32_t prev = k->deliveredVer;
     if (rec->keyVer <= prev) {
-        ExError("key %u of table %d delivered out of order or twice: version %u after %u", rec->key, table,
-                rec->keyVer, prev);
+        ExError("key %u of table %d delivered out of order or twice: version %u after %u", rec->key, table, rec->keyVer,
+                prev);
         return -1;
     }
     /* The arriving record survives a merge; a delete always stays a delete. */
@@ -164,8 +165,7 @@ void ExProgress(double start)
     double t = ExNow() - start;
     uint64_t in = ExOfferedAll();
     uint64_t done = ExAccountedAll();
-    printf("\r  in %10" PRIu64 "  pending %8" PRIu64 "  coalesced %10" PRIu64 "  delivered %10" PRIu64
-           "  %9.0f rec/s ",
+    printf("\r  in %10" PRIu64 "  pending %8" PRIu64 "  coalesced %10" PRIu64 "  delivered %10" PRIu64 "  %9.0f rec/s ",
            in, in >= done ? in - done : 0u, ExCoalescedAll(), ExDeliveredAll(), t > 0.0 ? (double)in / t : 0.0);
     fflush(stdout);
 }
@@ -295,8 +295,8 @@ static void ExPrintSummary(const ExPlatformCounts *pc, double offerTime, double 
     uint64_t offered = ExOfferedAll();
     uint64_t delivered = ExDeliveredAll();
     printf("\n== summary ==\n");
-    printf("records offered       : %" PRIu64 " (DAM routes %" PRIu64 ", FES next hops %" PRIu64
-           ", ARP probes %" PRIu64 ", interface statistics %" PRIu64 ")\n",
+    printf("records offered       : %" PRIu64 " (DAM routes %" PRIu64 ", FES next hops %" PRIu64 ", ARP probes %" PRIu64
+           ", interface statistics %" PRIu64 ")\n",
            offered, br->offered[EX_T_DAM], br->offered[EX_T_FES], br->offeredImmediate, br->offeredUserDef);
     printf("messages sent         : DAM %" PRIu64 ", FES %" PRIu64 ", UP %" PRIu64 ", EVT %" PRIu64 "\n",
            br->messages[0], br->messages[1], br->messages[2], br->messages[3]);
@@ -305,8 +305,7 @@ static void ExPrintSummary(const ExPlatformCounts *pc, double offerTime, double 
     printf("records delivered     : %" PRIu64 " (opType 0: %" PRIu64 ", 1: %" PRIu64 ", 2: %" PRIu64 ", 3: %" PRIu64
            "; at once %" PRIu64 "; user-defined %" PRIu64 " in %" PRIu64 " calls)\n",
            delivered, ExLoad(&c->deliveredByOp[0]), ExLoad(&c->deliveredByOp[1]), ExLoad(&c->deliveredByOp[2]),
-           ExLoad(&c->deliveredByOp[3]), ExLoad(&c->immediate), ExLoad(&c->userDefRecords),
-           ExLoad(&c->userDefCalls));
+           ExLoad(&c->deliveredByOp[3]), ExLoad(&c->immediate), ExLoad(&c->userDefRecords), ExLoad(&c->userDefCalls));
     printf("back-pressure         : DAM %u presses / %u releases, FES %u / %u; broker paused %" PRIu64
            " times, retried %" PRIu64 " writes\n",
            pc->presses[0], pc->releases[0], pc->presses[1], pc->releases[1], br->backPressWaits, br->deliverRetries);
@@ -322,8 +321,7 @@ static void ExPrintSummary(const ExPlatformCounts *pc, double offerTime, double 
            ExLoad(&c->damEntries), ExLoad(&c->fesEntries), ExLoad(&c->compTables), ExLoad(&c->smoothPre),
            ExLoad(&c->smoothOwn), pc->entryCalls);
     printf("wall time             : %.3f s (offering %.3f s); %.0f records/s offered, %.0f delivered/s\n", wall,
-           offerTime, offerTime > 0.0 ? (double)offered / offerTime : 0.0,
-           wall > 0.0 ? (double)delivered / wall : 0.0);
+           offerTime, offerTime > 0.0 ? (double)offered / offerTime : 0.0, wall > 0.0 ? (double)delivered / wall : 0.0);
     printf("module memory         : peak %" PRIdFAST64 " bytes in use\n",
            atomic_load_explicit(&g_run.cnt.peakBytes, memory_order_relaxed));
 }
@@ -334,8 +332,9 @@ static void ExCheckTotals(const ExPlatformCounts *pc, const uint64_t merges[4], 
     ExCounters *c = &g_run.cnt;
     uint64_t synced = ExLoad(&c->synced[EX_T_DAM]) + ExLoad(&c->synced[EX_T_FES]);
     ExCheck(ExAllAccounted(), "not everything offered came out");
-    ExCheck(ExAccountedKeyed() == ExOfferedKeyed(), "keyed records: %" PRIu64 " offered, %" PRIu64
-            " delivered or coalesced", ExOfferedKeyed(), ExAccountedKeyed());
+    ExCheck(ExAccountedKeyed() == ExOfferedKeyed(),
+            "keyed records: %" PRIu64 " offered, %" PRIu64 " delivered or coalesced", ExOfferedKeyed(),
+            ExAccountedKeyed());
     ExCheckKeys();
     for (int t = 0; t < EX_T_NUM; t++) {
         ExCheck(merges[t] == ExLoad(&c->coalesced[t]),
@@ -353,8 +352,8 @@ static void ExCheckTotals(const ExPlatformCounts *pc, const uint64_t merges[4], 
     ExCheck(pc->entryCalls == g_run.broker.platformEntries, "platform smoothing entries: %u, expected %" PRIu64,
             pc->entryCalls, g_run.broker.platformEntries);
     ExCheck(synced == ExLoad(&c->peerReceived) && ExLoad(&c->syncFailed) == 0u,
-            "synced %" PRIu64 ", peer received %" PRIu64 ", %" PRIu64 " sends failed", synced,
-            ExLoad(&c->peerReceived), ExLoad(&c->syncFailed));
+            "synced %" PRIu64 ", peer received %" PRIu64 ", %" PRIu64 " sends failed", synced, ExLoad(&c->peerReceived),
+            ExLoad(&c->syncFailed));
     if (pc->presses[0] + pc->presses[1] == 0u) {
         printf("note: no back-pressure in this run (too few records or keys to pass a high water mark)\n");
     }
@@ -388,8 +387,7 @@ void ExReport(int ok, double offerTime, double wall)
 int ExFinish(int ok)
 {
     uint64_t allocs = (uint64_t)atomic_load(&g_run.cnt.allocs), frees = (uint64_t)atomic_load(&g_run.cnt.frees);
-    printf("module allocator      : %" PRIu64 " blocks allocated, %" PRIu64 " released, %" PRIdFAST64
-           " bytes left\n",
+    printf("module allocator      : %" PRIu64 " blocks allocated, %" PRIu64 " released, %" PRIdFAST64 " bytes left\n",
            allocs, frees, atomic_load(&g_run.cnt.liveBytes));
     ExCheck(ok, "the orchestrators could not be set up");
     ExCheck(allocs == frees && atomic_load(&g_run.cnt.liveBytes) == 0, "the module allocator does not balance");

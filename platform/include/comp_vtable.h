@@ -13,9 +13,9 @@ RIX_PLAT_EXTERN_C_BEGIN
 typedef void (*COMP_VFunc)(void);
 
 /* Entries of the "orchpub" table used by the orchestrator. */
-#define ORCHPUB_VT_GET_SLOT 2u                  /* uint32_t (*)(void) */
-#define ORCHPUB_VT_GET_CPU 3u                   /* uint32_t (*)(void) */
-#define ORCHPUB_VT_GET_ORCHID_BY_SLOT_CPU 18u   /* uint32_t (*)(uint32_t slot, uint32_t cpu, uint32_t *id) */
+#define ORCHPUB_VT_GET_SLOT 2u                /* uint32_t (*)(void) */
+#define ORCHPUB_VT_GET_CPU 3u                 /* uint32_t (*)(void) */
+#define ORCHPUB_VT_GET_ORCHID_BY_SLOT_CPU 18u /* uint32_t (*)(uint32_t slot, uint32_t cpu, uint32_t *id) */
 #define ORCHPUB_VT_SIZE 32u
 
 typedef uint32_t (*ORCHPUB_GetSlotFunc)(void);

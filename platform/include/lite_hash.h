@@ -18,8 +18,7 @@ typedef struct LITE_HASH_Node {
 } LITE_HASH_Node;
 
 RIX_PLAT_API void *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t blockSize, uint32_t bucketCount,
-                                            LITE_HASH_HashFunc hashFunc, LITE_HASH_CmpFunc cmpFunc,
-                                            uint32_t flags);
+                                            LITE_HASH_HashFunc hashFunc, LITE_HASH_CmpFunc cmpFunc, uint32_t flags);
 /* Releases the table and every data block; sets *hash to null. Returns 0. */
 RIX_PLAT_API uint32_t LITE_HASH_DeleteHash(void **hash);
 /* A data block of the table's block size, or null. */

@@ -25,7 +25,7 @@ typedef struct RIX_EAL_ThreadCfg {
 typedef uint32_t (*RIX_EAL_ServerIpFunc)(void);
 
 typedef struct RIX_EAL_ChanPara {
-    uint32_t chanNo;          /* 0 DAM, 1 FES, 2 UP, 3 EVT */
+    uint32_t chanNo; /* 0 DAM, 1 FES, 2 UP, 3 EVT */
     uint32_t word1;
     char chanName[32];
     uint32_t rsv10[8];
@@ -35,7 +35,7 @@ typedef struct RIX_EAL_ChanPara {
     RIX_EAL_ServerIpFunc serverIpFunc;
     uint32_t word22;
     uint32_t rsv23;
-    uint16_t serverPort;      /* network byte order */
+    uint16_t serverPort; /* network byte order */
     uint16_t rsv24;
     uint32_t rsv25[2];
     uint32_t word27;

@@ -13,8 +13,7 @@ RIX_PLAT_EXTERN_C_BEGIN
 typedef uint32_t (*RIX_EPOLL_CALLBACK)(int32_t fd, uint32_t events, void *ctx);
 
 /* 0 on success. */
-RIX_PLAT_API int32_t RIX_EPOLL_Add(int32_t epFd, int32_t fd, uint32_t events, RIX_EPOLL_CALLBACK callback,
-                                   void *ctx);
+RIX_PLAT_API int32_t RIX_EPOLL_Add(int32_t epFd, int32_t fd, uint32_t events, RIX_EPOLL_CALLBACK callback, void *ctx);
 RIX_PLAT_API int32_t RIX_EPOLL_DEL(int32_t epFd, int32_t fd);
 
 /* An eventfd, or a negative value with errno set. */

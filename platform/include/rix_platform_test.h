@@ -13,7 +13,7 @@ RIX_PLAT_EXTERN_C_BEGIN
 RIX_PLAT_API void RIX_TEST_Reset(void);
 
 /* ---- Log capture (thread-safe) ---- */
-RIX_PLAT_API void RIX_TEST_LogCapture(int on);        /* on: lines are kept, not printed */
+RIX_PLAT_API void RIX_TEST_LogCapture(int on); /* on: lines are kept, not printed */
 RIX_PLAT_API void RIX_TEST_LogClear(void);
 RIX_PLAT_API uint32_t RIX_TEST_LogCount(void);
 /* Message text of line i (without the tag), or null. Valid until the next clear. */
@@ -37,23 +37,23 @@ RIX_PLAT_API void RIX_TEST_FailAlways(const char *op, int on);
 /* ---- "orchpub" component table ---- */
 enum {
     RIX_TEST_ORCHPUB_OK = 0,
-    RIX_TEST_ORCHPUB_CALL_FAILS = 1,  /* COMP_GetVTable returns 5 */
-    RIX_TEST_ORCHPUB_NO_TABLE = 2,    /* returns 0 and leaves the table pointer null */
-    RIX_TEST_ORCHPUB_NO_ENTRY18 = 3   /* entry 18 is null */
+    RIX_TEST_ORCHPUB_CALL_FAILS = 1, /* COMP_GetVTable returns 5 */
+    RIX_TEST_ORCHPUB_NO_TABLE = 2,   /* returns 0 and leaves the table pointer null */
+    RIX_TEST_ORCHPUB_NO_ENTRY18 = 3  /* entry 18 is null */
 };
 RIX_PLAT_API void RIX_TEST_SetOrchPub(int mode, uint32_t slot, uint32_t cpu, uint32_t orchId);
 
 /* ---- EAL instances ---- */
-RIX_PLAT_API void RIX_TEST_SetDefaultMbRole(uint32_t isMb);      /* for instances created later */
+RIX_PLAT_API void RIX_TEST_SetDefaultMbRole(uint32_t isMb); /* for instances created later */
 RIX_PLAT_API void RIX_TEST_EalSetMbRole(void *eal, uint32_t isMb);
 RIX_PLAT_API const char *RIX_TEST_EalName(void *eal);
 RIX_PLAT_API const RIX_EAL_CreatePara *RIX_TEST_EalCreatePara(void *eal);
-RIX_PLAT_API uint32_t RIX_TEST_EalLiveCount(void);                 /* instances not yet destroyed */
+RIX_PLAT_API uint32_t RIX_TEST_EalLiveCount(void); /* instances not yet destroyed */
 
 RIX_PLAT_API uint32_t RIX_TEST_EalThreadCount(void *eal);
 RIX_PLAT_API const RIX_EAL_ThreadCfg *RIX_TEST_EalThread(void *eal, uint32_t i);
 RIX_PLAT_API uint32_t RIX_TEST_EalChanCount(void *eal);
-RIX_PLAT_API const RIX_EAL_ChanPara *RIX_TEST_EalChan(void *eal, uint32_t i);   /* copy of the record */
+RIX_PLAT_API const RIX_EAL_ChanPara *RIX_TEST_EalChan(void *eal, uint32_t i); /* copy of the record */
 RIX_PLAT_API uint32_t RIX_TEST_EalSyncGrpCount(void *eal);
 RIX_PLAT_API const RIX_EAL_SyncGrpPara *RIX_TEST_EalSyncGrp(void *eal, uint32_t i);
 RIX_PLAT_API uint32_t RIX_TEST_EalMsgSetCount(void *eal);
@@ -76,10 +76,9 @@ RIX_PLAT_API uint32_t RIX_TEST_ChanBackPressCount(void *eal, uint32_t chanNo, ui
 
 /* Sync messages: RIX_EAL_SyncMsg records (group id, count) per call and hands a copy of
  * the items to the peer function, when one is set, on the calling thread. */
-typedef void (*RIX_TEST_SyncPeerFunc)(void *ctx, uint32_t grpId, const RIX_EAL_SyncItem *items,
-                                      uint32_t count);
+typedef void (*RIX_TEST_SyncPeerFunc)(void *ctx, uint32_t grpId, const RIX_EAL_SyncItem *items, uint32_t count);
 RIX_PLAT_API void RIX_TEST_EalSetSyncPeer(void *eal, RIX_TEST_SyncPeerFunc peer, void *ctx);
-RIX_PLAT_API uint32_t RIX_TEST_EalSyncMsgCount(void *eal);    /* calls */
+RIX_PLAT_API uint32_t RIX_TEST_EalSyncMsgCount(void *eal); /* calls */
 RIX_PLAT_API uint32_t RIX_TEST_EalSyncMsgLast(void *eal, uint32_t *grpId, uint32_t *count);
 
 /* Channels: what RIX_CHAN_USendMsg sent, and a broker side that delivers messages. */

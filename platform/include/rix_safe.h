@@ -16,8 +16,7 @@ RIX_PLAT_API int memcpy_s(void *dest, size_t destMax, const void *src, size_t co
 RIX_PLAT_API int memset_s(void *dest, size_t destMax, int c, size_t count);
 RIX_PLAT_API int strcpy_s(char *dest, size_t destMax, const char *src);
 RIX_PLAT_API int strcat_s(char *dest, size_t destMax, const char *src);
-RIX_PLAT_API int sprintf_s(char *dest, size_t destMax, const char *format, ...)
-    __attribute__((format(printf, 3, 4)));
+RIX_PLAT_API int sprintf_s(char *dest, size_t destMax, const char *format, ...) __attribute__((format(printf, 3, 4)));
 RIX_PLAT_API int vsprintf_s(char *dest, size_t destMax, const char *format, va_list args)
     __attribute__((format(printf, 3, 0)));
 

@@ -31,8 +31,7 @@ typedef struct ZUL_AVL3_TREE_INFO {
 
 RIX_PLAT_API void *ZUL_AVL3_Find(ZUL_AVL3_TREE *tree, const void *key, const ZUL_AVL3_TREE_INFO *info);
 /* Null when the node was inserted, else the node that already holds its key. */
-RIX_PLAT_API void *ZUL_AVL3_Insert_Or_Find(ZUL_AVL3_TREE *tree, ZUL_AVL3_NODE *node,
-                                           const ZUL_AVL3_TREE_INFO *info);
+RIX_PLAT_API void *ZUL_AVL3_Insert_Or_Find(ZUL_AVL3_TREE *tree, ZUL_AVL3_NODE *node, const ZUL_AVL3_TREE_INFO *info);
 RIX_PLAT_API void ZUL_AVL3_Delete(ZUL_AVL3_TREE *tree, ZUL_AVL3_NODE *node);
 RIX_PLAT_API void *ZUL_AVL3_First(ZUL_AVL3_TREE *tree, const ZUL_AVL3_TREE_INFO *info);
 RIX_PLAT_API void *ZUL_AVL3_Next(ZUL_AVL3_NODE *node, const ZUL_AVL3_TREE_INFO *info);

@@ -45,7 +45,10 @@ RIX_PLAT_API void RixPlatInternal_AddResetHook(RixPlatInternal_ResetHook hook);
 }
 
 namespace rixplat {
-inline bool Hit(OpId op) { return RixPlatInternal_Hit(op); }
+inline bool Hit(OpId op)
+{
+    return RixPlatInternal_Hit(op);
+}
 }  // namespace rixplat
 
 #endif

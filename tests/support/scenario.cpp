@@ -15,7 +15,10 @@ constexpr uint32_t kRecSize = 16u;
 constexpr uint32_t kKeySize = 4u;
 static_assert(sizeof(Rec) == kRecSize);
 
-Rec MakeRec(uint32_t key, uint32_t ver) { return Seal(key, ver, Mix(key, ver)); }
+Rec MakeRec(uint32_t key, uint32_t ver)
+{
+    return Seal(key, ver, Mix(key, ver));
+}
 
 uint32_t Rd32(const void *p)
 {
@@ -32,7 +35,10 @@ void Put32(Bytes &b, std::initializer_list<uint32_t> words)
         b.insert(b.end(), p, p + 4);
     }
 }
-void PutRec(Bytes &b, const Rec &r) { Put32(b, {r.key, r.ver, r.state, r.check}); }
+void PutRec(Bytes &b, const Rec &r)
+{
+    Put32(b, {r.key, r.ver, r.state, r.check});
+}
 
 // ---- Ids ----
 constexpr uint32_t kMsgRouteAdd = 0x10001u;  // DAM, plain, merged
@@ -113,10 +119,22 @@ uint32_t Merged(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
     Checked("ASOrchSyncMsg", ASOrchSyncMsg(h, q == 0 ? 0u : 2u, &sync));
     return 0u;
 }
-uint32_t Merged0(ASOrchHandle *h, ASOrchMsgVec *v) { return Merged(h, v, 0u); }
-uint32_t Merged1(ASOrchHandle *h, ASOrchMsgVec *v) { return Merged(h, v, 1u); }
-uint32_t Merged2(ASOrchHandle *h, ASOrchMsgVec *v) { return Merged(h, v, 2u); }
-uint32_t Merged3(ASOrchHandle *h, ASOrchMsgVec *v) { return Merged(h, v, 3u); }
+uint32_t Merged0(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return Merged(h, v, 0u);
+}
+uint32_t Merged1(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return Merged(h, v, 1u);
+}
+uint32_t Merged2(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return Merged(h, v, 2u);
+}
+uint32_t Merged3(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return Merged(h, v, 3u);
+}
 
 uint32_t Immediate(ASOrchHandle *h, ASOrchMsgVec *v)
 {
@@ -161,8 +179,14 @@ uint32_t TableProc(ASOrchHandle *h, void *tables, uint32_t nums, uint32_t tblSiz
     return 0u;
 }
 
-uint32_t SmoothPre(uint32_t, uint32_t, void *, uint32_t) { return ++g_books.smoothPre, 0u; }
-uint32_t SmoothOwn(uint32_t, uint32_t, void *, uint32_t) { return ++g_books.smoothOwn, 0u; }
+uint32_t SmoothPre(uint32_t, uint32_t, void *, uint32_t)
+{
+    return ++g_books.smoothPre, 0u;
+}
+uint32_t SmoothOwn(uint32_t, uint32_t, void *, uint32_t)
+{
+    return ++g_books.smoothOwn, 0u;
+}
 
 // Serial form: {msgId, count} {opType, 0} then records; the result points into the body.
 void Unpack(void *data, uint32_t len, ASOrchUnpackResult *res, ASOrchMsg *)
@@ -172,11 +196,17 @@ void Unpack(void *data, uint32_t len, ASOrchUnpackResult *res, ASOrchMsg *)
     res->ipcNum = (len - 16u) / kRecSize;
     res->ipcBuf = static_cast<uint8_t *>(data) + 16;
 }
-void UnpackFree(ASOrchUnpackResult *) { ++g_books.unpackFrees; }
+void UnpackFree(ASOrchUnpackResult *)
+{
+    ++g_books.unpackFrees;
+}
 
 void Notify() {}
 
-void TimerTick(uintptr_t) { Fault("the timer came due"); }
+void TimerTick(uintptr_t)
+{
+    Fault("the timer came due");
+}
 
 void CollectSync(void *, uint32_t grpId, const RIX_EAL_SyncItem *items, uint32_t count)
 {
@@ -280,8 +310,8 @@ ASOrchHandle *Create(const char *name, bool mb, Regs &regs, bool *registered)
             }
         }
         // A timer that never comes due here: its descriptor must go with the instance.
-        Checked("ASOrchTimerInit", ASOrchTimerInit(h, 600000u, reinterpret_cast<uintptr_t>(&TimerTick), 0u,
-                                                   ASORCH_THREAD_DATA));
+        Checked("ASOrchTimerInit",
+                ASOrchTimerInit(h, 600000u, reinterpret_cast<uintptr_t>(&TimerTick), 0u, ASORCH_THREAD_DATA));
         if (Checked("ASOrchInit", ASOrchInit(h)) == 0u) {
             Checked("ASOrchModInitOk", ASOrchModInitOk(h));
         }
@@ -292,7 +322,10 @@ ASOrchHandle *Create(const char *name, bool mb, Regs &regs, bool *registered)
 // ---- Traffic of the mb role ----
 uint32_t g_ver[2][64];  // [queue][key]: versions offered
 
-Rec Next(uint32_t q, uint32_t key) { return MakeRec(key, ++g_ver[q][key]); }
+Rec Next(uint32_t q, uint32_t key)
+{
+    return MakeRec(key, ++g_ver[q][key]);
+}
 
 uint32_t Send(ASOrchHandle *h, uint32_t msgId, Bytes body)
 {
@@ -322,13 +355,15 @@ void SendUnkeyed(ASOrchHandle *h, uint32_t msgId, uint32_t n)
 {
     Bytes b;
     Put32(b, {msgId, n});
-    for (uint32_t i = 0; i < n; ++i) PutRec(b, MakeRec(1000u + i, 1u));
+    for (uint32_t i = 0; i < n; ++i)
+        PutRec(b, MakeRec(1000u + i, 1u));
     Send(h, msgId, b);
 }
 
 void PutEntries(Bytes &b, uint32_t n, uint32_t size)
 {
-    for (uint32_t i = 0; i < n * size / 4u; ++i) Put32(b, {Mix(i, size)});
+    for (uint32_t i = 0; i < n * size / 4u; ++i)
+        Put32(b, {Mix(i, size)});
 }
 
 Bytes Trans(uint32_t msgId, uint32_t tlvs, const Bytes &area)
@@ -356,21 +391,27 @@ void SendTables(ASOrchHandle *h)
 void PutItem(Bytes &b, uint32_t type, uint32_t len, uint32_t tableId)
 {
     Put32(b, {type, len, tableId});
-    for (uint32_t off = 12u; off < len; off += 4u) Put32(b, {Mix(type, off)});
+    for (uint32_t off = 12u; off < len; off += 4u)
+        Put32(b, {Mix(type, off)});
 }
 
 // Smoothing for the platform's entry points (pre-callback) and for the module's own.
 void SendSmoothing(ASOrchHandle *h)
 {
-    const std::pair<uint32_t, uint32_t> plat[] = {
-        {ASORCH_SMOOTH_CLASS_BEGIN, 16u},    {ASORCH_SMOOTH_PID_STATE, 20u},    {ASORCH_SMOOTH_VRF_STATE, 32u},
-        {ASORCH_SMOOTH_VRF_DATA_BEGIN, 28u}, {ASORCH_SMOOTH_VRF_DATA_END, 28u}, {ASORCH_SMOOTH_CLASS_END, 16u},
-        {ASORCH_SMOOTH_DAM_CLASS, 16u}};
+    const std::pair<uint32_t, uint32_t> plat[] = {{ASORCH_SMOOTH_CLASS_BEGIN, 16u},
+                                                  {ASORCH_SMOOTH_PID_STATE, 20u},
+                                                  {ASORCH_SMOOTH_VRF_STATE, 32u},
+                                                  {ASORCH_SMOOTH_VRF_DATA_BEGIN, 28u},
+                                                  {ASORCH_SMOOTH_VRF_DATA_END, 28u},
+                                                  {ASORCH_SMOOTH_CLASS_END, 16u},
+                                                  {ASORCH_SMOOTH_DAM_CLASS, 16u}};
     const uint32_t own[] = {ASORCH_SMOOTH_CLASS_BEGIN, ASORCH_SMOOTH_LR_CLASS, ASORCH_SMOOTH_LR_CLASS2,
                             ASORCH_SMOOTH_DAM_CLASS2, ASORCH_SMOOTH_CLASS_END};
     Bytes p, o, a;
-    for (const auto &[type, len] : plat) PutItem(p, type, len, kTblSmoothPlat);
-    for (uint32_t type : own) PutItem(o, type, 16u, kTblSmoothOwn);
+    for (const auto &[type, len] : plat)
+        PutItem(p, type, len, kTblSmoothPlat);
+    for (uint32_t type : own)
+        PutItem(o, type, 16u, kTblSmoothOwn);
     Put32(a, {kTblSmoothPlat, 5u, static_cast<uint32_t>(p.size())});
     a.insert(a.end(), p.begin(), p.end());
     Put32(a, {kTblSmoothOwn, 6u, static_cast<uint32_t>(o.size())});
@@ -405,8 +446,8 @@ void FeedPeer(ASOrchHandle *peer)
         const uint32_t q = grp == 0u ? 0u : 1u;
         Rec r{};
         std::memcpy(&r, item.data() + 4, sizeof(r));
-        ASOrchMsgVec vec{q == 0u ? kMmDam : kMmFes, Rd32(item.data()), nullptr, kKeySize, nullptr, kRecSize,
-                         0u, nullptr};
+        ASOrchMsgVec
+            vec{q == 0u ? kMmDam : kMmFes, Rd32(item.data()), nullptr, kKeySize, nullptr, kRecSize, 0u, nullptr};
         ASOrchSyncGrpData data{const_cast<uint8_t *>(item.data() + 4), 0u, 7u};
         g_books.queues[1][q].Offer(r, vec.opType);
         ASOrchMergeSyncGrpDatas(1u, &data, &vec, q, peer);
@@ -464,7 +505,8 @@ void RunScenario(ScenarioReport &report, bool strict)
                "channels still back-pressed after the drain");
         // Left pending for destroy: a route after the drain.
         SendKeyed(mod, kMsgRouteAdd, {7u});
-        for (uint32_t c = 0; c < 2u; ++c) chanPress[c] = RIX_TEST_ChanBackPressCount(eal, c, &chanRelease[c]);
+        for (uint32_t c = 0; c < 2u; ++c)
+            chanPress[c] = RIX_TEST_ChanBackPressCount(eal, c, &chanRelease[c]);
     }
     if (peerReg) {
         FeedPeer(peer);

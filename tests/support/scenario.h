@@ -26,7 +26,8 @@ void RunScenario(ScenarioReport &report, bool strict);
 // names, queue names). tableKept: a table whose release the platform refused keeps its blocks.
 std::string LeftBehind(int fdsOpened, uint32_t hashTablesBefore, bool tableKept);
 
-// The runners (sweep_runner.cpp). One run of the scenario in a child process (fork): prepare, arm, run, then the leak checks.
+// The runners (sweep_runner.cpp). One run of the scenario in a child process (fork): prepare, arm, run, then the leak
+// checks.
 struct ChildOutcome {
     enum Kind { Ok, Leak, Fault, Crash } kind = Crash;
     std::string detail;   // why, with the child's own diagnostics (sanitizer report, reasons)

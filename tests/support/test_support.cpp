@@ -13,8 +13,8 @@ namespace {
 
 std::mutex g_allocMu;
 AllocStats g_stats{};
-uint64_t g_failAt = 0;     // allocation number that fails
-uint64_t g_failFrom = 0;   // first allocation number of a lasting failure
+uint64_t g_failAt = 0;    // allocation number that fails
+uint64_t g_failFrom = 0;  // first allocation number of a lasting failure
 uint64_t g_seen = 0;
 
 struct Header {

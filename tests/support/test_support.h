@@ -26,10 +26,10 @@ struct AllocStats {
 void *CountingAlloc(uint32_t size);
 void CountingFree(void *ptr);
 AllocStats GetAllocStats();
-int64_t LiveAllocations();            // allocs - frees
+int64_t LiveAllocations();  // allocs - frees
 void ResetAllocStats();
-void FailAllocNth(uint64_t nth);      // the nth allocation from now (1 = next) returns null; 0 disarms
-void FailAllocFrom(uint64_t nth);     // the nth allocation from now and every later one fail; 0 disarms
+void FailAllocNth(uint64_t nth);   // the nth allocation from now (1 = next) returns null; 0 disarms
+void FailAllocFrom(uint64_t nth);  // the nth allocation from now and every later one fail; 0 disarms
 
 // A module's bucket hash for merge channel Chan: the stored copy names its orchestrator.
 template <uint32_t Chan>
@@ -46,7 +46,7 @@ ASOrchCreatePara CountingCreatePara();
 std::vector<std::string> Lines();
 bool HasLine(const std::string &exact);
 size_t CountContaining(const std::string &text);
-std::string DumpLines();              // for failure messages
+std::string DumpLines();  // for failure messages
 
 // Resets the stand-ins and the counting allocator, captures log lines.
 class PlatformTest : public ::testing::Test {

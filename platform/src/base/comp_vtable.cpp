@@ -18,8 +18,14 @@ std::atomic<uint32_t> g_slot{kDefaultSlot};
 std::atomic<uint32_t> g_cpu{kDefaultCpu};
 std::atomic<uint32_t> g_orchId{kDefaultOrchId};
 
-uint32_t GetSlot() { return g_slot.load(); }
-uint32_t GetCpu() { return g_cpu.load(); }
+uint32_t GetSlot()
+{
+    return g_slot.load();
+}
+uint32_t GetCpu()
+{
+    return g_cpu.load();
+}
 uint32_t GetOrchIdBySlotAndCpu(uint32_t slot, uint32_t cpu, uint32_t *orchId)
 {
     (void)slot;
@@ -45,7 +51,10 @@ std::array<COMP_VFunc, ORCHPUB_VT_SIZE> MakeTable(bool withEntry18)
 const std::array<COMP_VFunc, ORCHPUB_VT_SIZE> g_table = MakeTable(true);
 const std::array<COMP_VFunc, ORCHPUB_VT_SIZE> g_tableNo18 = MakeTable(false);
 
-void ResetOrchPub() { RIX_TEST_SetOrchPub(RIX_TEST_ORCHPUB_OK, kDefaultSlot, kDefaultCpu, kDefaultOrchId); }
+void ResetOrchPub()
+{
+    RIX_TEST_SetOrchPub(RIX_TEST_ORCHPUB_OK, kDefaultSlot, kDefaultCpu, kDefaultOrchId);
+}
 
 [[maybe_unused]] const bool g_registered = [] {
     RixPlatInternal_AddResetHook(ResetOrchPub);
@@ -65,17 +74,17 @@ uint32_t COMP_GetVTable(uint32_t compId, uint32_t vtId, const COMP_VFunc **table
         return kCallFails;
     }
     switch (g_mode.load()) {
-    case RIX_TEST_ORCHPUB_CALL_FAILS:
-        return kCallFails;
-    case RIX_TEST_ORCHPUB_NO_TABLE:
-        *table = nullptr;
-        return 0;
-    case RIX_TEST_ORCHPUB_NO_ENTRY18:
-        *table = g_tableNo18.data();
-        return 0;
-    default:
-        *table = g_table.data();
-        return 0;
+        case RIX_TEST_ORCHPUB_CALL_FAILS:
+            return kCallFails;
+        case RIX_TEST_ORCHPUB_NO_TABLE:
+            *table = nullptr;
+            return 0;
+        case RIX_TEST_ORCHPUB_NO_ENTRY18:
+            *table = g_tableNo18.data();
+            return 0;
+        default:
+            *table = g_table.data();
+            return 0;
     }
 }
 

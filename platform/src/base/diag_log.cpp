@@ -55,7 +55,10 @@ void FRM_DiagLogWrite(const char *tag, const char *message)
     (void)std::fprintf(stderr, "%s: %s\n", t, m);
 }
 
-void RIX_TEST_LogCapture(int on) { g_capture.store(on != 0); }
+void RIX_TEST_LogCapture(int on)
+{
+    g_capture.store(on != 0);
+}
 
 void RIX_TEST_LogClear(void)
 {

@@ -10,7 +10,7 @@
 namespace rixplat {
 
 struct FastMod {
-    uint64_t m;     // 0 when the divisor is a power of two
+    uint64_t m;  // 0 when the divisor is a power of two
     uint32_t d;
     uint32_t mask;  // d - 1
 };

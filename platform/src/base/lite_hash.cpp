@@ -73,14 +73,16 @@ public:
 
 private:
     __attribute__((noinline, cold)) void Wake() { Futex(FUTEX_WAKE_PRIVATE, 1); }
-    void Futex(int op, uint32_t val) { (void)syscall(SYS_futex, reinterpret_cast<uint32_t *>(&state_), op, val, nullptr, nullptr, 0); }
+    void Futex(int op, uint32_t val)
+    {
+        (void)syscall(SYS_futex, reinterpret_cast<uint32_t *>(&state_), op, val, nullptr, nullptr, 0);
+    }
     __attribute__((noinline)) void LockSlow(uint32_t c)
     {
         for (int spin = 0; spin < 100 && c == 1; ++spin) {
             CpuRelax();
             c = state_.load(std::memory_order_relaxed);
-            if (c == 0 && state_.compare_exchange_strong(c, 1, std::memory_order_acquire,
-                                                         std::memory_order_relaxed)) {
+            if (c == 0 && state_.compare_exchange_strong(c, 1, std::memory_order_acquire, std::memory_order_relaxed)) {
                 return;
             }
         }
@@ -130,7 +132,10 @@ Table *g_tables = nullptr;
 std::atomic<uint32_t> g_systemAllocs{0};
 std::atomic<uint32_t> g_nextTag{1};
 
-void ResetHashCounters() { g_systemAllocs.store(0, std::memory_order_relaxed); }
+void ResetHashCounters()
+{
+    g_systemAllocs.store(0, std::memory_order_relaxed);
+}
 
 [[maybe_unused]] const bool g_registered = [] {
     RixPlatInternal_AddResetHook(ResetHashCounters);
@@ -143,16 +148,28 @@ constexpr uint32_t BlockBytes(uint32_t blockSize)
     return static_cast<uint32_t>((sizeof(BlockHdr) + blockSize + kBlockAlign - 1) / kBlockAlign * kBlockAlign);
 }
 
-inline uint32_t BucketIndex(const Table *t, const void *key) { return rixplat::ModOf(t->mod, t->hashFunc(key)); }
+inline uint32_t BucketIndex(const Table *t, const void *key)
+{
+    return rixplat::ModOf(t->mod, t->hashFunc(key));
+}
 
 inline void AddLinked(Table *t, int32_t d)
 {
     t->linked.store(t->linked.load(std::memory_order_relaxed) + static_cast<uint32_t>(d), std::memory_order_relaxed);
 }
 
-inline BlockHdr *HdrOf(void *data) { return reinterpret_cast<BlockHdr *>(static_cast<char *>(data) - sizeof(BlockHdr)); }
-inline uint32_t StateOf(const BlockHdr *h) { return h->tagState & kStateMask; }
-inline void SetState(BlockHdr *h, uint32_t s) { h->tagState = (h->tagState & ~kStateMask) | s; }
+inline BlockHdr *HdrOf(void *data)
+{
+    return reinterpret_cast<BlockHdr *>(static_cast<char *>(data) - sizeof(BlockHdr));
+}
+inline uint32_t StateOf(const BlockHdr *h)
+{
+    return h->tagState & kStateMask;
+}
+inline void SetState(BlockHdr *h, uint32_t s)
+{
+    h->tagState = (h->tagState & ~kStateMask) | s;
+}
 
 __attribute__((noinline)) bool Grow(Table *t)
 {
@@ -205,8 +222,8 @@ using rixplat::HitFast;
 
 extern "C" {
 
-void *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t blockSize, uint32_t bucketCount,
-                               LITE_HASH_HashFunc hashFunc, LITE_HASH_CmpFunc cmpFunc, uint32_t flags)
+void *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t blockSize, uint32_t bucketCount, LITE_HASH_HashFunc hashFunc,
+                               LITE_HASH_CmpFunc cmpFunc, uint32_t flags)
 {
     (void)memPtNo;
     (void)flags;
@@ -400,8 +417,14 @@ uint32_t RIX_TEST_HashBlocksInUse(void)
     }
     return n;
 }
-uint32_t RIX_TEST_HashSystemAllocs(void) { return g_systemAllocs.load(std::memory_order_relaxed); }
-uint32_t RIX_TEST_HashBlockBytes(uint32_t blockSize) { return BlockBytes(blockSize); }
+uint32_t RIX_TEST_HashSystemAllocs(void)
+{
+    return g_systemAllocs.load(std::memory_order_relaxed);
+}
+uint32_t RIX_TEST_HashBlockBytes(uint32_t blockSize)
+{
+    return BlockBytes(blockSize);
+}
 
 uint32_t RIX_TEST_HashTableCount(void)
 {

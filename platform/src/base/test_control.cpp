@@ -130,7 +130,10 @@ using namespace rixplat;
 
 extern "C" {
 
-bool RixPlatInternal_Hit(uint32_t op) { return HitFast(static_cast<OpId>(op)); }
+bool RixPlatInternal_Hit(uint32_t op)
+{
+    return HitFast(static_cast<OpId>(op));
+}
 
 void RixPlatInternal_AddResetHook(RixPlatInternal_ResetHook hook)
 {

@@ -7,7 +7,10 @@
 
 namespace {
 
-inline int32_t H(const ZUL_AVL3_NODE *n) { return n == nullptr ? 0 : n->height; }
+inline int32_t H(const ZUL_AVL3_NODE *n)
+{
+    return n == nullptr ? 0 : n->height;
+}
 
 inline void Fix(ZUL_AVL3_NODE *n)
 {

@@ -15,7 +15,10 @@ namespace {
 std::atomic<uint32_t> g_defaultMb{1};
 std::atomic<uint32_t> g_live{0};
 
-void ResetEal() { g_defaultMb.store(1); }
+void ResetEal()
+{
+    g_defaultMb.store(1);
+}
 
 [[maybe_unused]] const bool g_registered = [] {
     RixPlatInternal_AddResetHook(ResetEal);
@@ -351,7 +354,13 @@ uint32_t RIX_EAL_SyncUnBackPress(void *eal, uint32_t grpId)
     return 0;
 }
 
-void RIX_TEST_SetDefaultMbRole(uint32_t isMb) { g_defaultMb.store(isMb); }
-uint32_t RIX_TEST_EalLiveCount(void) { return g_live.load(); }
+void RIX_TEST_SetDefaultMbRole(uint32_t isMb)
+{
+    g_defaultMb.store(isMb);
+}
+uint32_t RIX_TEST_EalLiveCount(void)
+{
+    return g_live.load();
+}
 
 }  // extern "C"

@@ -166,10 +166,22 @@ uint32_t RIX_TEST_EalOndemand(void *eal, uint32_t *word0, uint32_t *word1)
     return ReadWords(eal, &Eal::ondemand, word0, word1);
 }
 
-uint32_t RIX_TEST_EalInitCount(void *eal) { return ReadCount(eal, &Eal::initCount); }
-uint32_t RIX_TEST_EalStartCount(void *eal) { return ReadCount(eal, &Eal::startCount); }
-uint32_t RIX_TEST_EalModInitOkCount(void *eal) { return ReadCount(eal, &Eal::modInitOkCount); }
-uint32_t RIX_TEST_EalSyncMsgCount(void *eal) { return ReadCount(eal, &Eal::syncMsgCount); }
+uint32_t RIX_TEST_EalInitCount(void *eal)
+{
+    return ReadCount(eal, &Eal::initCount);
+}
+uint32_t RIX_TEST_EalStartCount(void *eal)
+{
+    return ReadCount(eal, &Eal::startCount);
+}
+uint32_t RIX_TEST_EalModInitOkCount(void *eal)
+{
+    return ReadCount(eal, &Eal::modInitOkCount);
+}
+uint32_t RIX_TEST_EalSyncMsgCount(void *eal)
+{
+    return ReadCount(eal, &Eal::syncMsgCount);
+}
 
 uint32_t RIX_TEST_EalSyncBackPressed(void *eal, uint32_t grpId)
 {

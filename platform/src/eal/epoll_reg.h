@@ -17,7 +17,7 @@ struct EpollReg {
     RIX_EPOLL_CALLBACK callback;
     void *ctx;
     std::atomic<bool> dead{false};
-    bool ownsFd = false;   // closed when the registration goes (timers)
+    bool ownsFd = false;  // closed when the registration goes (timers)
     RIX_TIMER_CALLBACK timerCb = nullptr;
     uintptr_t timerArg = 0;
 };
