@@ -116,10 +116,11 @@ fuzz() {
     fi
 }
 
-# Coverage of the unit tests (gcc --coverage at -O0). The library's own folders are held to the
-# floors below; the stand-in platform is reported on its own, without floors.
-RIX_COV_LINE_FLOOR=88
-RIX_COV_BRANCH_FLOOR=72
+# Coverage of the unit tests, the sweeps and the fuzz corpora's replay (gcc --coverage at -O0).
+# The library's own folders are held to the floors below (what they reach, rounded down);
+# the stand-in platform is reported on its own, without floors.
+RIX_COV_LINE_FLOOR=91
+RIX_COV_BRANCH_FLOOR=74
 coverage() {
     local dir rc=0
     dir=$(preset_dir coverage)
@@ -174,7 +175,8 @@ tidy() {
     tidy_bin=$(command -v clang-tidy-14 || command -v clang-tidy)
     runner=$(command -v run-clang-tidy-14 || command -v run-clang-tidy)
     local out rc
-    out=$("$runner" -j 2 -quiet -clang-tidy-binary "$tidy_bin" -p "$dir" \
+    # The x86_64 build links the library with gcc's LTO, whose flags clang does not know.
+    out=$("$runner" -j 2 -quiet -clang-tidy-binary "$tidy_bin" -p "$dir" -extra-arg=-Wno-ignored-optimization-argument \
         "$PWD/(core|channel|tblmsg|smooth|mergeque|merge|syncgrp|platform/src)/" 2>&1)
     rc=$?
     printf '%s\n' "$out" | sed 's/\x1b\[[0-9;]*m//g'
