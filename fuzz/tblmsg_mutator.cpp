@@ -48,6 +48,24 @@ T PickOf(Rng &rng, const T (&a)[N])
     return a[Pick(rng, N)];
 }
 
+// The list edits both levels share: drop one, duplicate one, swap two (op 0, 1, 2).
+template <class T>
+void EditList(std::vector<T> &v, Rng &rng, uint32_t op)
+{
+    const auto size = static_cast<uint32_t>(v.size());
+    if (size == 0u || (op == 2u && size < 2u)) {
+        return;
+    }
+    if (op == 0u) {
+        v.erase(v.begin() + Pick(rng, size));
+    } else if (op == 1u) {
+        const T copy = v[Pick(rng, size)];
+        v.insert(v.begin() + Pick(rng, size + 1u), copy);
+    } else {
+        std::swap(v[Pick(rng, size)], v[Pick(rng, size)]);
+    }
+}
+
 // What tblmsg_fuzz.cpp registers.
 const uint32_t kDamTables[] = {10, 11, 12, 13};
 const uint32_t kFesTables[] = {20, 21, 22};
@@ -185,26 +203,16 @@ void MutateItems(Rng &rng, Bytes &value, uint32_t table, size_t room)
 {
     Items its = ParseItems(value);
     auto &v = its.items;
-    switch (Pick(rng, 8)) {
+    const uint32_t op = Pick(rng, 8);
+    switch (op) {
         case 0:
         case 1:
             v.insert(v.begin() + Pick(rng, static_cast<uint32_t>(v.size() + 1)), NewItem(rng, table));
             break;
         case 2:
-            if (!v.empty()) {
-                v.erase(v.begin() + Pick(rng, static_cast<uint32_t>(v.size())));
-            }
-            break;
         case 3:
-            if (!v.empty()) {
-                const Item copy = v[Pick(rng, static_cast<uint32_t>(v.size()))];
-                v.insert(v.begin() + Pick(rng, static_cast<uint32_t>(v.size() + 1)), copy);
-            }
-            break;
         case 4:
-            if (v.size() > 1) {
-                std::swap(v[Pick(rng, static_cast<uint32_t>(v.size()))], v[Pick(rng, static_cast<uint32_t>(v.size()))]);
-            }
+            EditList(v, rng, op - 2u);
             break;
         case 5:  // another type, payload resized to the new type's size
             if (!v.empty()) {
@@ -420,7 +428,8 @@ void MutateTrans(Rng &rng, Msg &m, size_t maxSize)
 {
     auto &v = m.tlvs;
     const size_t room = maxSize > 64 ? maxSize - 64 : 0;
-    switch (Pick(rng, 12)) {
+    const uint32_t op = Pick(rng, 12);
+    switch (op) {
         case 0:
         case 1: {  // a new TLV: a registered table most of the time
             uint32_t table = Pick(rng, 2) == 0 ? PickOf(rng, kDamTables) : PickOf(rng, kFesTables);
@@ -434,20 +443,9 @@ void MutateTrans(Rng &rng, Msg &m, size_t maxSize)
             break;
         }
         case 2:
-            if (!v.empty()) {
-                v.erase(v.begin() + Pick(rng, static_cast<uint32_t>(v.size())));
-            }
-            break;
         case 3:
-            if (!v.empty()) {
-                const Tlv copy = v[Pick(rng, static_cast<uint32_t>(v.size()))];
-                v.insert(v.begin() + Pick(rng, static_cast<uint32_t>(v.size() + 1)), copy);
-            }
-            break;
         case 4:
-            if (v.size() > 1) {
-                std::swap(v[Pick(rng, static_cast<uint32_t>(v.size()))], v[Pick(rng, static_cast<uint32_t>(v.size()))]);
-            }
+            EditList(v, rng, op - 2u);
             break;
         case 5:  // the same value under another table or type
             if (!v.empty()) {
