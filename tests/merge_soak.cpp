@@ -69,22 +69,6 @@ uint32_t Delivered(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
     }
     return 0u;
 }
-uint32_t Op0(ASOrchHandle *h, ASOrchMsgVec *v)
-{
-    return Delivered(h, v, 0u);
-}
-uint32_t Op1(ASOrchHandle *h, ASOrchMsgVec *v)
-{
-    return Delivered(h, v, 1u);
-}
-uint32_t Op2(ASOrchHandle *h, ASOrchMsgVec *v)
-{
-    return Delivered(h, v, 2u);
-}
-uint32_t Op3(ASOrchHandle *h, ASOrchMsgVec *v)
-{
-    return Delivered(h, v, 3u);
-}
 
 // The channels' receive function, on the DATA thread: books first, then the orchestrator.
 // Age information is the module's own: it goes into the merge path record by record.
@@ -147,7 +131,7 @@ TEST_F(SoakTest, EveryOfferComesOutOnceOrCoalescedInFirstArrivalOrder)
         bp.chanPort[c] = {0x2000u + c, c};
         recv[2 * c] = {kMergeMsg[c], kMsgAdd[c], 0u, nullptr, nullptr, kRecSize, c, nullptr, 0u, 4u};
         recv[2 * c + 1] = {kMergeMsg[c], kMsgDel[c], 0u, nullptr, nullptr, kRecSize, c, nullptr, 1u, 4u};
-        msgs[c] = {kMergeMsg[c], {Op0, Op1, Op2, Op3}};
+        msgs[c] = rixtest::MergeMsgOf<Delivered>(kMergeMsg[c]);
     }
     bp.recvTblMsg[0] = {recv, 4u};
     bp.mergeMque[0] = {&msgs[0], 1u, 256u, rixtest::MergeHash<0u>, kHigh[0], kLow[0]};

@@ -124,6 +124,19 @@ struct QueueBook {
     }
 };
 
+// A merge message's four msgProc slots, each handing its opType to one function that checks it.
+using SlotProc = uint32_t (*)(ASOrchHandle *, ASOrchMsgVec *, uint32_t);
+template <SlotProc F, uint32_t Op>
+uint32_t AtSlot(ASOrchHandle *h, ASOrchMsgVec *v)
+{
+    return F(h, v, Op);
+}
+template <SlotProc F>
+ASOrchMergeMsg MergeMsgOf(uint32_t msgId)
+{
+    return {msgId, {AtSlot<F, 0u>, AtSlot<F, 1u>, AtSlot<F, 2u>, AtSlot<F, 3u>}};
+}
+
 }  // namespace rixtest
 
 #endif

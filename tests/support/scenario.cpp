@@ -119,22 +119,6 @@ uint32_t Merged(ASOrchHandle *h, ASOrchMsgVec *v, uint32_t slot)
     Checked("ASOrchSyncMsg", ASOrchSyncMsg(h, q == 0 ? 0u : 2u, &sync));
     return 0u;
 }
-uint32_t Merged0(ASOrchHandle *h, ASOrchMsgVec *v)
-{
-    return Merged(h, v, 0u);
-}
-uint32_t Merged1(ASOrchHandle *h, ASOrchMsgVec *v)
-{
-    return Merged(h, v, 1u);
-}
-uint32_t Merged2(ASOrchHandle *h, ASOrchMsgVec *v)
-{
-    return Merged(h, v, 2u);
-}
-uint32_t Merged3(ASOrchHandle *h, ASOrchMsgVec *v)
-{
-    return Merged(h, v, 3u);
-}
 
 uint32_t Immediate(ASOrchHandle *h, ASOrchMsgVec *v)
 {
@@ -279,9 +263,9 @@ ASOrchBasePara Base(Regs &r, bool mb)
     r.trans1[1] = {kTblSmoothOwn, 0u, SmoothPre, SmoothOwn, 0u, nullptr};
     bp.transTblMsg[0] = {r.trans0, 3u};
     bp.transTblMsg[1] = {r.trans1, 2u};
-    r.dam[0] = {kMmDam, {Merged0, Merged1, Merged2, Merged3}};
+    r.dam[0] = MergeMsgOf<Merged>(kMmDam);
     r.dam[1] = {kMmArp, {Immediate, nullptr, nullptr, nullptr}};
-    r.fes[0] = {kMmFes, {Merged0, Merged1, Merged2, Merged3}};
+    r.fes[0] = MergeMsgOf<Merged>(kMmFes);
     r.fes[1] = {kMmFesNow, {Immediate, nullptr, nullptr, nullptr}};
     // Water marks low enough that a handful of records passes them.
     bp.mergeMque[0] = {r.dam, 2u, 64u, MergeHash<0u>, 4u, 2u};
