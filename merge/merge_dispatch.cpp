@@ -6,14 +6,97 @@
 
 namespace {
 
+// The steps of a drained vector, inline so that a drain makes one call per vector into the
+// module; each exported step checks its own arguments and takes the same step.
+inline uint32_t DispatchProc(const ASOrchMergeMsg &entry, ASOrchHandle *handle, ASOrchMsgVec *vec)
+{
+    if (vec->opType >= ASORCH_OPTYPE_NUM) {
+        return ASORCH_ERR;
+    }
+    const ASOrchMergeMsgProc proc = entry.msgProc[vec->opType];
+    uint32_t r = ASORCH_ERR;
+    if (proc != nullptr) {
+        r = proc(handle, vec);
+        if (r == ASORCH_OK) [[likely]] {
+            return ASORCH_OK;
+        }
+    }
+    RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch RecvDispatch process fail. msgid = %u, optType = %u. msgProc = %u",
+                        handle->name, vec->msgId, vec->opType, proc != nullptr ? 1u : 0u);
+    return r;
+}
+
+inline uint32_t Dispatch(ASOrchHandle *handle, uint32_t chan, ASOrchMsgVec *vec)
+{
+    if (handle->mergeHandle == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "[%s] from broker ipc msg dispatch proc failed! mergeHandle is NULL",
+                            handle->name);
+        return ASORCH_ERR;
+    }
+    // A channel that was never built has no table: every msgId is unknown there.
+    const ASIntHash *hash = chan < ASORCH_MERGE_CHAN_NUM ? handle->mergeHandle[chan].mergeMsgHash : nullptr;
+    const auto *node =
+        hash != nullptr ? reinterpret_cast<const ASOrchMergeMsgNode *>(asorch::IntHashFind(hash, vec->msgId)) : nullptr;
+    if (node == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "OrchGetMergeMsg unknown msgId %u.", vec->msgId);
+        return ASORCH_ERR;
+    }
+    if (DispatchProc(node->msg, handle, vec) != ASORCH_OK) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "RecvDispatch fail. msgId %u, opType %u.", vec->msgId, vec->opType);
+        return ASORCH_ERR;
+    }
+    return ASORCH_OK;
+}
+
+inline uint32_t MergeMsgDispatch(ASOrchMsgVec *vec, uint32_t chan)
+{
+    auto *handle = static_cast<ASOrchHandle *>(vec->usrData);
+    if (handle == nullptr) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR,
+                            "mergeType %u read merge queue msgvec usrData handle NULL! msgId:%u, opType:%u", chan,
+                            vec->msgId, vec->opType);
+        return ASORCH_ERR;
+    }
+    const uint32_t r = Dispatch(handle, chan, vec);
+    if (r != ASORCH_OK) {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "[%s %u] from broker ipc msg proc failed! msgId:%u, opType:%u",
+                            handle->name, chan, vec->msgId, vec->opType);
+    }
+    // Processed or not, the entry is gone from the queue: its block goes now.
+    if (vec->key != nullptr) {
+        handle->memFree(vec->key);
+        vec->key = nullptr;
+    }
+    return r == ASORCH_OK ? ASORCH_OK : ASORCH_ERR;
+}
+
+inline uint32_t ReadMergeMsg(ASOrchMsgVec *vec, uint32_t size, uint32_t chan)
+{
+    if (size != sizeof(ASOrchMsgVec)) [[unlikely]] {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "mergeType %u read merge queue msgvec error!", chan);
+        // An entry shorter than a vector cannot be read as one.
+        if (size < sizeof(ASOrchMsgVec)) {
+            return ASORCH_ERR;
+        }
+    }
+    if (vec == nullptr) {
+        return ASORCH_ERR;
+    }
+    if (vec->key != nullptr && vec->keyLen != 0u) [[likely]] {
+        return MergeMsgDispatch(vec, chan);
+    }
+    RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "mergeType %u read merge queue msgvec key error! msgId:%u, opType:%u", chan,
+                        vec->msgId, vec->opType);
+    return ASORCH_ERR;
+}
+
 uint32_t ReadAdapter(void *data, uint32_t dataSize, void *usrData)
 {
     // Once the module asked for destroy from this drain, the rest of the batch is only released.
     if (asorch::t_walk->destroyDeferred) [[unlikely]] {
         return asorch::merge::ReleaseCopy(data, dataSize);
     }
-    return ASOrchReadMergeMsgCallBack(static_cast<ASOrchMsgVec *>(data), dataSize,
-                                      static_cast<const uint32_t *>(usrData));
+    return ReadMergeMsg(static_cast<ASOrchMsgVec *>(data), dataSize, *static_cast<const uint32_t *>(usrData));
 }
 
 uint32_t Drain(MergeQueCb *queue, uint32_t chan)
@@ -46,30 +129,12 @@ uint32_t ReleaseCopy(void *data, uint32_t dataSize)
 
 extern "C" {
 
-ASOrchMergeMsgNode *ASOrchGetMergeMsg(const ASIntHash *hash, const ASOrchMsgVec *vec)
-{
-    if (hash == nullptr || vec == nullptr) {
-        return nullptr;
-    }
-    return reinterpret_cast<ASOrchMergeMsgNode *>(ASIntHashFind(hash, &vec->msgId));
-}
-
 ASORCH_API uint32_t ASOrchRecvDispatchProc(const ASOrchMergeMsg *entry, ASOrchHandle *handle, ASOrchMsgVec *vec)
 {
-    if (entry == nullptr || handle == nullptr || vec == nullptr || vec->opType >= ASORCH_OPTYPE_NUM) {
+    if (entry == nullptr || handle == nullptr || vec == nullptr) {
         return ASORCH_ERR;
     }
-    const ASOrchMergeMsgProc proc = entry->msgProc[vec->opType];
-    uint32_t r = ASORCH_ERR;
-    if (proc != nullptr) {
-        r = proc(handle, vec);
-        if (r == ASORCH_OK) {
-            return ASORCH_OK;
-        }
-    }
-    RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch RecvDispatch process fail. msgid = %u, optType = %u. msgProc = %u",
-                        handle->name, vec->msgId, vec->opType, proc != nullptr ? 1u : 0u);
-    return r;
+    return DispatchProc(*entry, handle, vec);
 }
 
 ASORCH_API uint32_t ASOrchRecvDispatch(ASOrchHandle *handle, uint32_t chan, ASOrchMsgVec *vec)
@@ -77,23 +142,7 @@ ASORCH_API uint32_t ASOrchRecvDispatch(ASOrchHandle *handle, uint32_t chan, ASOr
     if (handle == nullptr || vec == nullptr) {
         return ASORCH_ERR;
     }
-    if (handle->mergeHandle == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "[%s] from broker ipc msg dispatch proc failed! mergeHandle is NULL",
-                            handle->name);
-        return ASORCH_ERR;
-    }
-    // A channel that was never built has no table: every msgId is unknown there.
-    const ASOrchMergeMsgNode *node =
-        chan < ASORCH_MERGE_CHAN_NUM ? ASOrchGetMergeMsg(handle->mergeHandle[chan].mergeMsgHash, vec) : nullptr;
-    if (node == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "OrchGetMergeMsg unknown msgId %u.", vec->msgId);
-        return ASORCH_ERR;
-    }
-    if (ASOrchRecvDispatchProc(&node->msg, handle, vec) != ASORCH_OK) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "RecvDispatch fail. msgId %u, opType %u.", vec->msgId, vec->opType);
-        return ASORCH_ERR;
-    }
-    return ASORCH_OK;
+    return Dispatch(handle, chan, vec);
 }
 
 ASORCH_API uint32_t ASOrchRecvMergeMsgDispatch(ASOrchMsgVec *vec, uint32_t chan)
@@ -101,45 +150,12 @@ ASORCH_API uint32_t ASOrchRecvMergeMsgDispatch(ASOrchMsgVec *vec, uint32_t chan)
     if (vec == nullptr) {
         return ASORCH_ERR;
     }
-    auto *handle = static_cast<ASOrchHandle *>(vec->usrData);
-    if (handle == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR,
-                            "mergeType %u read merge queue msgvec usrData handle NULL! msgId:%u, opType:%u", chan,
-                            vec->msgId, vec->opType);
-        return ASORCH_ERR;
-    }
-    const uint32_t r = ASOrchRecvDispatch(handle, chan, vec);
-    if (r != ASORCH_OK) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "[%s %u] from broker ipc msg proc failed! msgId:%u, opType:%u",
-                            handle->name, chan, vec->msgId, vec->opType);
-    }
-    // Processed or not, the entry is gone from the queue: its block goes now.
-    if (vec->key != nullptr) {
-        handle->memFree(vec->key);
-        vec->key = nullptr;
-    }
-    return r == ASORCH_OK ? ASORCH_OK : ASORCH_ERR;
+    return MergeMsgDispatch(vec, chan);
 }
 
 ASORCH_API uint32_t ASOrchReadMergeMsgCallBack(ASOrchMsgVec *vec, uint32_t size, const uint32_t *chan)
 {
-    const uint32_t ch = chan != nullptr ? *chan : ASORCH_MERGE_CHAN_DAM;
-    if (size != sizeof(ASOrchMsgVec)) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "mergeType %u read merge queue msgvec error!", ch);
-        // An entry shorter than a vector cannot be read as one.
-        if (size < sizeof(ASOrchMsgVec)) {
-            return ASORCH_ERR;
-        }
-    }
-    if (vec == nullptr) {
-        return ASORCH_ERR;
-    }
-    if (vec->key != nullptr && vec->keyLen != 0u) {
-        return ASOrchRecvMergeMsgDispatch(vec, ch);
-    }
-    RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "mergeType %u read merge queue msgvec key error! msgId:%u, opType:%u", ch,
-                        vec->msgId, vec->opType);
-    return ASORCH_ERR;
+    return ReadMergeMsg(vec, size, chan != nullptr ? *chan : ASORCH_MERGE_CHAN_DAM);
 }
 
 ASORCH_API uint32_t ORCH_AutoSyncRecvDamMerge(MergeQueCb *queue)

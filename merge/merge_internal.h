@@ -4,12 +4,6 @@
 
 #include "rix_as_orch.h"
 
-extern "C" {
-
-// The registration node of vec's msgId, or null (also for a channel never built).
-ASOrchMergeMsgNode *ASOrchGetMergeMsg(const ASIntHash *hash, const ASOrchMsgVec *vec);
-}
-
 namespace asorch::merge {
 
 // What the write path hands to its queue as key and data. The queue copies only the vector;
@@ -28,6 +22,12 @@ static_assert(offsetof(WriteVec, vec) == 0, "the queue reads the vector at the p
 
 // The vector this thread is writing into a queue, or null.
 extern constinit thread_local WriteVec *t_writing __attribute__((tls_model("initial-exec"), visibility("hidden")));
+
+// Writes the records of one message into the queue mergeType picks, each a copy of tmpl with
+// key and data at the record; what every record would check alike is checked once. False,
+// having written nothing, when the run cannot go this way: then each record goes through
+// ASOrchMsgMerge, which says why.
+bool WriteRun(ASOrchHandle *handle, uint32_t mergeType, const ASOrchMsgVec &tmpl, const ASOrchIpcBuf &run);
 
 // Returns the nodes and the bucket block of a merge-message hash to the module's allocator.
 void ReleaseMergeMsgHash(ASOrchHandle *handle, ASIntHash *hash);

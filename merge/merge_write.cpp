@@ -3,6 +3,8 @@
 
 #include <cstring>
 
+#include "core/copy.h"
+#include "core/walk_guard.h"
 #include "rix_platform.h"
 
 namespace {
@@ -17,11 +19,85 @@ MergeQueCb *GetMergeQue(ASOrchMergeHandle *block, uint32_t mergeType)
     return block[chan].mqueHandle;
 }
 
+void LogAllocFail(const ASOrchHandle *handle)
+{
+    RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. malloc fail", handle->name);
+}
+
+// The record's private copy: key, then data, in one block of size bytes (their sum, checked).
+inline bool CopyInto(ASOrchHandle *handle, const ASOrchMsgVec &vec, uint32_t size, bool withData, ASOrchMsgVec *copy)
+{
+    auto *block = static_cast<uint8_t *>(handle->memAlloc(size));
+    if (block == nullptr) [[unlikely]] {
+        LogAllocFail(handle);
+        return false;
+    }
+    // Lengths are the block's own: a plain copy cannot overrun it.
+    if (vec.keyLen != 0u) {
+        asorch::CopyBytes(block, vec.key, vec.keyLen);
+    }
+    copy->key = block;
+    if (withData) {
+        asorch::CopyBytes(block + vec.keyLen, vec.data, vec.dataLen);
+        copy->data = block + vec.keyLen;
+    }
+    copy->usrData = handle;
+    return true;
+}
+
+// The queue keeps its own copy of the vector; the block is what it owns from now on. The
+// caller has made copy the vector this thread is writing.
+inline uint32_t WriteCopy(ASOrchHandle *handle, MergeQueCb *queue, asorch::merge::WriteVec &copy, int32_t moveTail)
+{
+    if (RIX_MergeQueWrite(queue, &copy, &copy, moveTail) != ASORCH_OK) [[unlikely]] {
+        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. write mqueue fail", handle->name);
+        handle->memFree(copy.vec.key);
+        return ASORCH_ERR;
+    }
+    // A merge replaced the pending vector: its block goes now that nothing refers to it.
+    if (copy.retired != nullptr) {
+        handle->memFree(copy.retired);
+    }
+    return ASORCH_OK;
+}
 }  // namespace
 
 namespace asorch::merge {
 
 constinit thread_local WriteVec *t_writing = nullptr;
+
+bool WriteRun(ASOrchHandle *handle, uint32_t mergeType, const ASOrchMsgVec &tmpl, const ASOrchIpcBuf &run)
+{
+    if (handle == nullptr || handle->mergeHandle == nullptr || mergeType > kMaxQueuedMergeType || tmpl.keyLen == 0u ||
+        run.ipcBuf == nullptr) {
+        return false;
+    }
+    MergeQueCb *queue = GetMergeQue(handle->mergeHandle, mergeType);
+    const uint64_t size = static_cast<uint64_t>(tmpl.keyLen) + tmpl.dataLen;
+    if (queue == nullptr || size > UINT32_MAX) {
+        return false;
+    }
+    const int32_t moveTail = mergeType > 1u ? 1 : 0;
+    WriteVec copy{tmpl, nullptr, nullptr, 0u, 0u};
+    copy.vec.usrData = nullptr;
+    WriteVec *outer = t_writing;
+    t_writing = &copy;
+    const auto *record = static_cast<const uint8_t *>(run.ipcBuf);
+    // A destroy asked for by the module's callback ends the walk.
+    for (uint32_t i = 0; i < run.ipcNum && !asorch::Closing(handle); ++i, record += run.ipcSize) {
+        // The vector a merge changed, and the bucket remembered for the last key, start afresh.
+        copy.vec.opType = tmpl.opType;
+        copy.vec.key = const_cast<uint8_t *>(record);
+        copy.vec.data = const_cast<uint8_t *>(record);
+        copy.retired = nullptr;
+        copy.memoHandle = nullptr;
+        if (CopyInto(handle, copy.vec, static_cast<uint32_t>(size), tmpl.dataLen != 0u, &copy.vec)) {
+            (void)WriteCopy(handle, queue, copy, moveTail);
+        }
+    }
+    t_writing = outer;
+    return true;
+}
 
 }  // namespace asorch::merge
 
@@ -37,24 +113,14 @@ ASORCH_API uint32_t ASOrchMsgVecCopyAlloc(ASOrchHandle *handle, const ASOrchMsgV
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. copy fail", handle->name);
         return ASORCH_ERR;
     }
-    const bool withData = vec->dataLen != 0u && vec->data != nullptr;
     const uint64_t size = static_cast<uint64_t>(vec->keyLen) + vec->dataLen;
-    auto *block = size > UINT32_MAX ? nullptr : static_cast<uint8_t *>(handle->memAlloc(static_cast<uint32_t>(size)));
-    if (block == nullptr) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. malloc fail", handle->name);
+    if (size > UINT32_MAX) {
+        LogAllocFail(handle);
         return ASORCH_ERR;
     }
-    // Lengths are the block's own: a plain copy cannot overrun it.
-    if (vec->keyLen != 0u) {
-        std::memcpy(block, vec->key, vec->keyLen);
-    }
-    copy->key = block;
-    if (withData) {
-        std::memcpy(block + vec->keyLen, vec->data, vec->dataLen);
-        copy->data = block + vec->keyLen;
-    }
-    copy->usrData = handle;
-    return ASORCH_OK;
+    return CopyInto(handle, *vec, static_cast<uint32_t>(size), vec->dataLen != 0u && vec->data != nullptr, copy)
+               ? ASORCH_OK
+               : ASORCH_ERR;
 }
 
 ASORCH_API uint32_t ASOrchWriteMsgMerge(ASOrchHandle *handle, MergeQueCb *queue, const ASOrchMsgVec *vec,
@@ -73,20 +139,11 @@ ASORCH_API uint32_t ASOrchWriteMsgMerge(ASOrchHandle *handle, MergeQueCb *queue,
     if (ASOrchMsgVecCopyAlloc(handle, vec, &copy.vec) != ASORCH_OK) {
         return ASORCH_ERR;
     }
-    // The queue keeps its own copy of the vector; the block is what it owns from now on.
+    asorch::merge::WriteVec *outer = asorch::merge::t_writing;
     asorch::merge::t_writing = &copy;
-    const uint32_t written = RIX_MergeQueWrite(queue, &copy, &copy, moveTail);
-    asorch::merge::t_writing = nullptr;
-    if (written != ASORCH_OK) {
-        RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "%s, Orch auto sync merge msg failed. write mqueue fail", handle->name);
-        handle->memFree(copy.vec.key);
-        return ASORCH_ERR;
-    }
-    // A merge replaced the pending vector: its block goes now that nothing refers to it.
-    if (copy.retired != nullptr) {
-        handle->memFree(copy.retired);
-    }
-    return ASORCH_OK;
+    const uint32_t r = WriteCopy(handle, queue, copy, moveTail);
+    asorch::merge::t_writing = outer;
+    return r;
 }
 
 ASORCH_API uint32_t ASOrchMsgMergeInner(ASOrchHandle *handle, uint32_t mergeType, ASOrchMsgVec *vec)

@@ -3,6 +3,7 @@
 #include "tblmsg/tblmsg_internal.h"
 
 #include "core/walk_guard.h"
+#include "merge/merge_internal.h"
 
 namespace {
 
@@ -130,6 +131,9 @@ void ORCH_AutoSyncProcMqueOrUserDef(ASOrchTblMsgRecvCtrl *ctrl, ASOrchIpcBuf *ip
     // One vector serves every record: the merge layer copies what it keeps.
     ASOrchMsgVec vec;
     ORCH_AutoSyncFillMergeMsgVec(&vec, ctrl, ctrl->version);
+    if (asorch::merge::WriteRun(handle, ctrl->mergeType, vec, *ipcBuf)) {
+        return;
+    }
     ASOrchIpcMqueArg arg{&vec, ctrl->mergeType};
     ORCH_AutoSyncProcIpcBuf(ipcBuf, handle, ASOrchProc1IpcMque, &arg);
 }
