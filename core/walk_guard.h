@@ -45,16 +45,24 @@ private:
     WalkFrame frame_;
 };
 
+// The innermost walk of this orchestrator on this thread, or null. A loop may look it up once:
+// a deferral in a nested walk is handed out to it.
+inline const WalkFrame *WalkOf(const ASOrchHandle *handle)
+{
+    for (const WalkFrame *f = t_walk; f != nullptr; f = f->outer) {
+        if (f->handle == handle) {
+            return f;
+        }
+    }
+    return nullptr;
+}
+
 // True when a destroy of this orchestrator is waiting for a walk on this thread to return:
 // the walk must not call the module again.
 inline bool Closing(const ASOrchHandle *handle)
 {
-    for (const WalkFrame *f = t_walk; f != nullptr; f = f->outer) {
-        if (f->handle == handle) {
-            return f->destroyDeferred;
-        }
-    }
-    return false;
+    const WalkFrame *walk = WalkOf(handle);
+    return walk != nullptr && walk->destroyDeferred;
 }
 
 // Called by ASOrchDestroy: true when it runs inside a walk of this orchestrator on this thread

@@ -52,18 +52,35 @@ inline uint32_t SameKey(const ASOrchMsgVec *a, const ASOrchMsgVec *b)
     return SameBytes(static_cast<const uint8_t *>(a->key), static_cast<const uint8_t *>(b->key), a->keyLen) ? 1u : 0u;
 }
 
+// The rows of g_ASOrchMergeRules: (pending, arriving) -> merged opType.
+inline constexpr ASOrchMergeRule kMergeRules[ASORCH_MERGE_RULES_NUM] = {
+    {0u, 0u, 0u}, {0u, 1u, 1u}, {1u, 0u, 2u}, {1u, 1u, 1u}, {2u, 0u, 2u}, {2u, 1u, 1u},
+};
+
+// The same rows as a square, so that a pair is looked up without a search.
+inline constexpr uint32_t kOpTypes = 4u;
+inline constexpr uint8_t kNoRule = 0xFFu;
+inline constexpr auto kMergedOpType = [] {
+    struct {
+        uint8_t of[kOpTypes][kOpTypes];
+    } square{};
+    for (auto &row : square.of) {
+        for (uint8_t &cell : row) {
+            cell = kNoRule;
+        }
+    }
+    for (const ASOrchMergeRule &rule : kMergeRules) {
+        square.of[rule.oldOpType][rule.newOpType] = static_cast<uint8_t>(rule.mergedOpType);
+    }
+    return square;
+}();
+
 inline uint32_t MergeRule(uint32_t oldOpType, uint32_t newOpType, uint32_t *mergedOpType)
 {
-    const uint32_t index = oldOpType * 2u + newOpType;
-    if (index >= g_ASOrchMergeRulesNum) {
+    if (oldOpType >= kOpTypes || newOpType >= kOpTypes || kMergedOpType.of[oldOpType][newOpType] == kNoRule) {
         return ASORCH_ERR;
     }
-    // The index alone would let pairs such as (0, 2) borrow another pair's row.
-    const ASOrchMergeRule &rule = g_ASOrchMergeRules[index];
-    if (rule.oldOpType != oldOpType || rule.newOpType != newOpType) {
-        return ASORCH_ERR;
-    }
-    *mergedOpType = rule.mergedOpType;
+    *mergedOpType = kMergedOpType.of[oldOpType][newOpType];
     return ASORCH_OK;
 }
 

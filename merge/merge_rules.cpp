@@ -1,59 +1,39 @@
 // Key identity, bucket hash and the opType rule table of merged message vectors.
 #include "rix_as_orch.h"
 
-#include <bit>
-#include <cstring>
-
-#include "merge/merge_block.h"
+#include "merge/merge_hash.h"
 #include "merge/merge_internal.h"
 #include "merge/merge_key.h"
 
 namespace {
 
-inline uint32_t LoadLe32(const uint8_t *p)
-{
-    if constexpr (std::endian::native == std::endian::little) {
-        uint32_t w;
-        std::memcpy(&w, p, sizeof(w));
-        return w;
-    } else {
-        return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
-               (static_cast<uint32_t>(p[3]) << 24);
-    }
-}
-
-// The bucket of a vector; kept out of line so that a remembered answer costs no more than a test.
+// The bucket of a vector; out of line, so that a remembered answer costs no more than a test.
 [[gnu::noinline]] uint32_t BucketOf(const ASOrchHandle *handle, uint32_t chan, const ASOrchMsgVec *vec)
 {
-    if (handle == nullptr || vec == nullptr || handle->mergeHandle == nullptr || chan >= ASORCH_MERGE_CHAN_NUM ||
-        handle->mergeHandle[chan].hashSize == 0u) {
+    const asorch::merge::BucketHash hash(handle, chan);
+    if (vec == nullptr || !hash.Valid()) [[unlikely]] {
         RIX_AUTOSYNC_RixLog(ASORCH_LOG_ERROR, "Orch autosync merge hash of channel %u has no merge handle", chan);
         return 0u;
     }
-    uint32_t h = 2166136261u;
-    const auto *key = static_cast<const uint8_t *>(vec->key);
-    // Only whole words are hashed; a short tail falls to the compare.
-    const uint32_t words = key == nullptr ? 0u : vec->keyLen / 4u;
-    for (uint32_t i = 0; i < words; ++i) {
-        h = (h ^ LoadLe32(key + static_cast<size_t>(i) * 4u)) * 16777619u;
-    }
-    h += h << 13;
-    h ^= h >> 7;
-    h += h << 3;
-    h ^= h >> 17;
-    const uint32_t x = vec->msgId + vec->version + h * 33u;
-    const ASOrchMergeHandle &entry = handle->mergeHandle[chan];
-    const asorch::Divisor &bucket = asorch::merge::BlockOf(handle->mergeHandle)->bucket[chan];
-    // An entry set up outside the library's own registration has no prepared count.
-    return bucket.d == entry.hashSize ? asorch::Mod(x, bucket) : asorch::ModUnprepared(x, entry.hashSize);
+    return hash(*vec);
+}
+
+// Out of line, so that a remembered bucket is answered without a frame.
+[[gnu::noinline]] uint32_t HashAndRemember(asorch::merge::WriteVec *writing, const ASOrchHandle *handle, uint32_t chan)
+{
+    writing->memoBucket = BucketOf(handle, chan, &writing->vec);
+    writing->memoHandle = handle;
+    writing->memoChan = chan;
+    return writing->memoBucket;
 }
 
 }  // namespace
 
 extern "C" {
 
+using asorch::merge::kMergeRules;
 const ASOrchMergeRule g_ASOrchMergeRules[ASORCH_MERGE_RULES_NUM] = {
-    {0u, 0u, 0u}, {0u, 1u, 1u}, {1u, 0u, 2u}, {1u, 1u, 1u}, {2u, 0u, 2u}, {2u, 1u, 1u},
+    kMergeRules[0], kMergeRules[1], kMergeRules[2], kMergeRules[3], kMergeRules[4], kMergeRules[5],
 };
 
 const uint32_t g_ASOrchMergeRulesNum = ASORCH_MERGE_RULES_NUM;
@@ -106,11 +86,9 @@ ASORCH_API uint32_t ASOrchMergeHashFunc(ASOrchHandle *handle, uint32_t chan, con
     if (writing == nullptr || vec != &writing->vec) {
         return BucketOf(handle, chan, vec);
     }
-    if (writing->memoHandle != handle || writing->memoChan != chan) {
-        writing->memoBucket = BucketOf(handle, chan, vec);
-        writing->memoHandle = handle;
-        writing->memoChan = chan;
+    if (writing->memoHandle == handle && writing->memoChan == chan) {
+        return writing->memoBucket;
     }
-    return writing->memoBucket;
+    return HashAndRemember(writing, handle, chan);
 }
 }

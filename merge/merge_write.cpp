@@ -5,6 +5,7 @@
 
 #include "core/copy.h"
 #include "core/walk_guard.h"
+#include "merge/merge_hash.h"
 #include "rix_platform.h"
 
 namespace {
@@ -82,17 +83,34 @@ bool WriteRun(ASOrchHandle *handle, uint32_t mergeType, const ASOrchMsgVec &tmpl
     copy.vec.usrData = nullptr;
     WriteVec *outer = t_writing;
     t_writing = &copy;
+    // Once the module's hashFunc has asked ASOrchMergeHashFunc for a record's bucket, the next
+    // records' buckets are worked out before their writes, with the lookups done once.
+    const ASOrchHandle *hashHandle = nullptr;
+    uint32_t hashChan = 0u;
+    BucketHash hash(nullptr, 0u);
     const auto *record = static_cast<const uint8_t *>(run.ipcBuf);
     // A destroy asked for by the module's callback ends the walk.
-    for (uint32_t i = 0; i < run.ipcNum && !asorch::Closing(handle); ++i, record += run.ipcSize) {
+    const asorch::WalkFrame *walk = asorch::WalkOf(handle);
+    for (uint32_t i = 0; i < run.ipcNum && (walk == nullptr || !walk->destroyDeferred); ++i, record += run.ipcSize) {
         // The vector a merge changed, and the bucket remembered for the last key, start afresh.
         copy.vec.opType = tmpl.opType;
         copy.vec.key = const_cast<uint8_t *>(record);
         copy.vec.data = const_cast<uint8_t *>(record);
         copy.retired = nullptr;
-        copy.memoHandle = nullptr;
+        copy.memoHandle = hashHandle;
+        copy.memoChan = hashChan;
+        if (hashHandle != nullptr) {
+            copy.memoBucket = hash(copy.vec);
+        }
         if (CopyInto(handle, copy.vec, static_cast<uint32_t>(size), tmpl.dataLen != 0u, &copy.vec)) {
             (void)WriteCopy(handle, queue, copy, moveTail);
+        }
+        if (hashHandle == nullptr && copy.memoHandle != nullptr) {
+            hash = BucketHash(copy.memoHandle, copy.memoChan);
+            if (hash.Valid()) {
+                hashHandle = copy.memoHandle;
+                hashChan = copy.memoChan;
+            }
         }
     }
     t_writing = outer;

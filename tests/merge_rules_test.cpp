@@ -102,6 +102,29 @@ TEST_F(MergeHashTest, KeyIdentityAndPinnedBucketHash)
     handle.mergeHandle = built;
 }
 
+// Short keys are compared in overlapping words: a difference in any one byte, at any length,
+// still tells two keys apart, and equal bytes at different addresses still match.
+TEST(MergeRulesTest, KeysOfEveryLengthDifferInEveryByte)
+{
+    uint8_t k1[40], k2[40];
+    for (uint32_t i = 0; i < sizeof(k1); ++i) {
+        k1[i] = k2[i] = static_cast<uint8_t>(0xA0u + i);
+    }
+    for (uint32_t len = 1; len <= sizeof(k1); ++len) {
+        ASOrchMsgVec a{9u, 0u, k1, len, nullptr, 0u, 0u, nullptr};
+        ASOrchMsgVec b{9u, 0u, k2, len, nullptr, 0u, 0u, nullptr};
+        ASSERT_EQ(ASOrchPubCmpFunc(&a, &b), 1u) << "length " << len;
+        for (uint32_t at = 0; at < len; ++at) {
+            k2[at] ^= 0x10u;
+            EXPECT_EQ(ASOrchPubCmpFunc(&a, &b), 0u) << "length " << len << ", byte " << at;
+            k2[at] ^= 0x10u;
+        }
+        k2[len % sizeof(k2)] ^= 0x10u;  // past the key: plays no part
+        EXPECT_EQ(ASOrchPubCmpFunc(&a, &b), len < sizeof(k1) ? 1u : 0u) << "length " << len;
+        k2[len % sizeof(k2)] ^= 0x10u;
+    }
+}
+
 // The division-free forms agree with / and % for every size class and the edges of each.
 TEST(MergeRulesTest, DivisionFreeFormsEqualTheOperators)
 {
