@@ -48,8 +48,15 @@ public:
         uint32_t h = 2166136261u;
         const auto *key = static_cast<const uint8_t *>(vec.key);
         // Only whole words are hashed; a short tail falls to the compare.
-        const uint8_t *end = key + (key == nullptr ? 0u : vec.keyLen / 4u * 4u);
-        for (; key != end; key += 4) {
+        uint32_t words = key == nullptr ? 0u : vec.keyLen / 4u;
+        // Four words a step: keys are a few of them.
+        for (; words >= 4u; words -= 4u, key += 16) {
+            h = (h ^ LoadLe32(key)) * 16777619u;
+            h = (h ^ LoadLe32(key + 4)) * 16777619u;
+            h = (h ^ LoadLe32(key + 8)) * 16777619u;
+            h = (h ^ LoadLe32(key + 12)) * 16777619u;
+        }
+        for (; words != 0u; --words, key += 4) {
             h = (h ^ LoadLe32(key)) * 16777619u;
         }
         h += h << 13;

@@ -96,6 +96,14 @@ TEST_F(MergeHashTest, KeyIdentityAndPinnedBucketHash)
     EXPECT_EQ(ASOrchMergeHashFunc(&handle, 1u, &v), 751u);
     v = ASOrchMsgVec{0xDEADBEEFu, 0u, twelve, 12u, nullptr, 0u, 0xFFFFFFFFu, nullptr};
     EXPECT_EQ(ASOrchMergeHashFunc(&handle, 0u, &v), 6098u);
+    // Five whole words and a tail: a step of four words, then one alone.
+    uint8_t longer[22];
+    for (uint32_t i = 0; i < sizeof(longer); ++i) {
+        longer[i] = static_cast<uint8_t>(i * 37u + 11u);
+    }
+    v = ASOrchMsgVec{0x100u, 0u, longer, 22u, nullptr, 0u, 5u, nullptr};
+    EXPECT_EQ(ASOrchMergeHashFunc(&handle, 0u, &v), 4068u);
+    EXPECT_EQ(ASOrchMergeHashFunc(&handle, 1u, &v), 892u);
     ASOrchMergeHandle *built = handle.mergeHandle;
     handle.mergeHandle = nullptr;  // no channel built: still a valid bucket
     EXPECT_EQ(ASOrchMergeHashFunc(&handle, 0u, &v), 0u);
