@@ -31,12 +31,12 @@ constexpr FastMod MakeFastMod(uint32_t d)
     return FastMod{m, d, d - 1u};
 }
 
-// h % f.d
-inline uint32_t ModOf(const FastMod &f, uint32_t h)
+// h % f.d, as wide as a pointer: indexing with it then needs no widening.
+inline uintptr_t ModOfIndex(const FastMod &f, uint32_t h)
 {
 #if RIX_PLAT_FASTMOD_ALWAYS_MULTIPLY
     const uint64_t low = f.m * h;
-    return static_cast<uint32_t>((static_cast<unsigned __int128>(low) * f.d) >> 64);
+    return static_cast<uintptr_t>((static_cast<unsigned __int128>(low) * f.d) >> 64);
 #else
     if (f.m == 0u) {
         return h & f.mask;
@@ -48,6 +48,12 @@ inline uint32_t ModOf(const FastMod &f, uint32_t h)
     const uint64_t hi = (low >> 32) * d;
     return static_cast<uint32_t>((hi + (lo >> 32)) >> 32);
 #endif
+}
+
+// h % f.d
+inline uint32_t ModOf(const FastMod &f, uint32_t h)
+{
+    return static_cast<uint32_t>(ModOfIndex(f, h));
 }
 
 }  // namespace rixplat

@@ -62,11 +62,8 @@ class FutexLock {
 public:
     bool TryLock()
     {
-        // Judged by the value seen rather than by the returned flag, which the compiler would
-        // otherwise keep in a saved register to stand for a later constant 1.
         uint32_t c = 0;
-        (void)state_.compare_exchange_strong(c, 1, std::memory_order_acquire, std::memory_order_relaxed);
-        return c == 0;
+        return state_.compare_exchange_strong(c, 1, std::memory_order_acquire, std::memory_order_relaxed);
     }
     void lock()
     {
@@ -164,9 +161,9 @@ constexpr uint32_t BlockBytes(uint32_t blockSize)
     return static_cast<uint32_t>((sizeof(BlockHdr) + blockSize + kBlockAlign - 1) / kBlockAlign * kBlockAlign);
 }
 
-inline uint32_t BucketIndex(const Table *t, const void *key)
+inline uintptr_t BucketIndex(const Table *t, const void *key)
 {
-    return rixplat::ModOf(t->mod, t->hashFunc(key));
+    return rixplat::ModOfIndex(t->mod, t->hashFunc(key));
 }
 
 // Under the lock; readers without it load the count whole.
@@ -241,8 +238,8 @@ inline void UnlinkFromBucket(Table *t, BlockHdr *h)
 // registers across a rare call: whatever is rare (a failure armed, a bad argument, a taken lock,
 // an empty pool, a waiter to wake) is a tail call into a copy that does every check in full.
 
-// v, unknown to the compiler: a constant it knows a register to hold already (the value TryLock
-// saw) would be kept in a saved register across the callbacks only to be returned.
+// v, unknown to the compiler: a constant it knows a register to hold already (TryLock's flag)
+// would be kept in that register, or a saved one across the callbacks, only to be returned.
 template <typename T>
 inline T Opaque(T v)
 {
@@ -362,21 +359,21 @@ __attribute__((noinline)) uint32_t FreeDataChecked(void *hash, void *data)
     return FreeDataLocked(t, data);
 }
 
-inline uint32_t AddNodeLocked(Table *t, uint32_t b, void *data)
+inline uint32_t AddNodeLocked(Table *t, uintptr_t b, void *data)
 {
     BlockHdr *h = data != nullptr ? HeldHdr(t, data, BlockHeld) : nullptr;
     if (h == nullptr) {
-        return Unlock(t, 1u);
+        return Unlock(t, Opaque(1u));
     }
     h->next = t->buckets[b];
-    h->bucket = b;
+    h->bucket = static_cast<uint32_t>(b);
     t->buckets[b] = h;
     h->tagState = t->tag | BlockLinked;
     AddLinked(t, 1);
     return Unlock(t, 0u);
 }
 
-__attribute__((noinline)) uint32_t AddNodeContended(Table *t, uint32_t b, void *data)
+__attribute__((noinline)) uint32_t AddNodeContended(Table *t, uintptr_t b, void *data)
 {
     t->lock.lock();
     return AddNodeLocked(t, b, data);
@@ -388,12 +385,12 @@ __attribute__((noinline)) uint32_t AddNodeChecked(void *hash, const void *key, v
         return 1;
     }
     auto *t = static_cast<Table *>(hash);
-    uint32_t b = BucketIndex(t, key);
+    uintptr_t b = BucketIndex(t, key);
     t->lock.lock();
     return AddNodeLocked(t, b, data);
 }
 
-inline LITE_HASH_Node *FindLocked(Table *t, uint32_t b, const void *data)
+inline LITE_HASH_Node *FindLocked(Table *t, uintptr_t b, const void *data)
 {
     for (BlockHdr *h = t->buckets[b]; h != nullptr; h = h->next) {
         if (t->cmpFunc(h->node.data, data, 0) != 0) {
@@ -403,7 +400,7 @@ inline LITE_HASH_Node *FindLocked(Table *t, uint32_t b, const void *data)
     return Unlock(t, static_cast<LITE_HASH_Node *>(nullptr));
 }
 
-__attribute__((noinline)) LITE_HASH_Node *FindContended(Table *t, uint32_t b, const void *data)
+__attribute__((noinline)) LITE_HASH_Node *FindContended(Table *t, uintptr_t b, const void *data)
 {
     t->lock.lock();
     return FindLocked(t, b, data);
@@ -415,27 +412,27 @@ __attribute__((noinline)) LITE_HASH_Node *FindChecked(void *hash, const void *ke
         return nullptr;
     }
     auto *t = static_cast<Table *>(hash);
-    uint32_t b = BucketIndex(t, key);
+    uintptr_t b = BucketIndex(t, key);
     t->lock.lock();
     return FindLocked(t, b, data);
 }
 
 // The match is unlinked by a second walk, without callbacks: the first then keeps only the
 // node across them, not the link that leads to it.
-inline uint32_t RemoveLocked(Table *t, uint32_t b, const void *key)
+inline uint32_t RemoveLocked(Table *t, uintptr_t b, const void *key)
 {
     for (BlockHdr *h = t->buckets[b]; h != nullptr; h = h->next) {
         if (t->cmpFunc(h->node.data, key, 0) != 0) {
             UnlinkFromBucket(t, h);
             h->tagState ^= BlockLinked ^ BlockHeld;
             AddLinked(t, -1);
-            return Unlock(t, 1u);
+            return Unlock(t, Opaque(1u));
         }
     }
-    return Unlock(t, Opaque(0u));
+    return Unlock(t, 0u);
 }
 
-__attribute__((noinline)) uint32_t RemoveContended(Table *t, uint32_t b, const void *key)
+__attribute__((noinline)) uint32_t RemoveContended(Table *t, uintptr_t b, const void *key)
 {
     t->lock.lock();
     return RemoveLocked(t, b, key);
@@ -447,12 +444,12 @@ __attribute__((noinline)) uint32_t RemoveChecked(void *hash, const void *key)
         return 0;
     }
     auto *t = static_cast<Table *>(hash);
-    uint32_t b = BucketIndex(t, key);
+    uintptr_t b = BucketIndex(t, key);
     t->lock.lock();
     return RemoveLocked(t, b, key);
 }
 
-inline uint32_t ListCntLocked(Table *t, uint32_t b)
+inline uint32_t ListCntLocked(Table *t, uintptr_t b)
 {
     uint32_t n = 0;
     for (BlockHdr *h = t->buckets[b]; h != nullptr; h = h->next) {
@@ -461,7 +458,7 @@ inline uint32_t ListCntLocked(Table *t, uint32_t b)
     return Unlock(t, n);
 }
 
-__attribute__((noinline)) uint32_t ListCntContended(Table *t, uint32_t b)
+__attribute__((noinline)) uint32_t ListCntContended(Table *t, uintptr_t b)
 {
     t->lock.lock();
     return ListCntLocked(t, b);
@@ -473,7 +470,7 @@ __attribute__((noinline)) uint32_t ListCntChecked(void *hash, const void *key)
         return 0;
     }
     auto *t = static_cast<Table *>(hash);
-    uint32_t b = BucketIndex(t, key);
+    uintptr_t b = BucketIndex(t, key);
     t->lock.lock();
     return ListCntLocked(t, b);
 }
@@ -585,7 +582,7 @@ uint32_t LITE_HASH_AddNode(void *hash, const void *key, void *data, uint32_t fla
         return AddNodeChecked(hash, key, data);
     }
     auto *t = static_cast<Table *>(hash);
-    uint32_t b = BucketIndex(t, key);
+    uintptr_t b = BucketIndex(t, key);
     if (!t->lock.TryLock()) [[unlikely]] {
         return AddNodeContended(t, b, data);
     }
@@ -598,7 +595,7 @@ LITE_HASH_Node *LITE_HASH_FindNodeFromFirst(void *hash, const void *key, const v
         return FindChecked(hash, key, data);
     }
     auto *t = static_cast<Table *>(hash);
-    uint32_t b = BucketIndex(t, key);
+    uintptr_t b = BucketIndex(t, key);
     if (!t->lock.TryLock()) [[unlikely]] {
         return FindContended(t, b, data);
     }
@@ -611,7 +608,7 @@ uint32_t LITE_HASH_RemoveNodeByKey(void *hash, const void *key)
         return RemoveChecked(hash, key);
     }
     auto *t = static_cast<Table *>(hash);
-    uint32_t b = BucketIndex(t, key);
+    uintptr_t b = BucketIndex(t, key);
     if (!t->lock.TryLock()) [[unlikely]] {
         return RemoveContended(t, b, key);
     }
@@ -624,7 +621,7 @@ uint32_t LITE_HASH_GetListCntByKey(void *hash, const void *key)
         return ListCntChecked(hash, key);
     }
     auto *t = static_cast<Table *>(hash);
-    uint32_t b = BucketIndex(t, key);
+    uintptr_t b = BucketIndex(t, key);
     if (!t->lock.TryLock()) [[unlikely]] {
         return ListCntContended(t, b);
     }
