@@ -505,7 +505,10 @@ void *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t blockSize, uint32_t bu
         std::free(buckets);
         return nullptr;
     }
-    t->tag = (g_nextTag.fetch_add(1, std::memory_order_relaxed) << 2) | 4u;  // never 0
+    // Above the two state bits; a table number's own bits, so two tables share a tag only
+    // after 2^30 tables (or-ing a constant bit in would pair every even number with the next).
+    const uint32_t tag = g_nextTag.fetch_add(1, std::memory_order_relaxed) << 2;
+    t->tag = tag != 0 ? tag : 4u;
     t->mod = rixplat::MakeFastMod(bucketCount);
     t->stride = BlockBytes(blockSize);
     t->hashFunc = hashFunc;
