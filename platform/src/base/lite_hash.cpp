@@ -124,6 +124,7 @@ struct Guard {
 struct Table {
     TableLock lock;
     uint32_t tag;
+    uint32_t heldTag;  // tagState of a held block: tag | BlockHeld
     rixplat::FastMod mod;
     uint32_t stride;
     LITE_HASH_HashFunc hashFunc;
@@ -264,11 +265,11 @@ inline R Unlock(Table *t, R r)
     return r;
 }
 
-// A held block of t when data is one, else null.
-inline BlockHdr *HeldHdr(const Table *t, void *data, uint32_t state)
+// A held block of t when data is one, else null. One compare checks the table and the state.
+inline BlockHdr *HeldHdr(const Table *t, void *data)
 {
     BlockHdr *h = HdrOf(data);
-    return (h->tagState == (t->tag | state) && h->node.data == data) ? h : nullptr;
+    return (h->tagState == t->heldTag && h->node.data == data) ? h : nullptr;
 }
 
 __attribute__((noinline)) void *NewDataGrowing(Table *t)
@@ -332,7 +333,7 @@ __attribute__((noinline)) uint32_t FreeDataOther(Table *t, void *data)
 
 inline uint32_t FreeDataLocked(Table *t, void *data)
 {
-    BlockHdr *h = data != nullptr ? HeldHdr(t, data, BlockHeld) : nullptr;
+    BlockHdr *h = data != nullptr ? HeldHdr(t, data) : nullptr;
     if (h == nullptr) [[unlikely]] {
         return FreeDataOther(t, data);
     }
@@ -361,19 +362,19 @@ __attribute__((noinline)) uint32_t FreeDataChecked(void *hash, void *data)
 
 inline uint32_t AddNodeLocked(Table *t, uintptr_t b, void *data)
 {
-    BlockHdr *h = data != nullptr ? HeldHdr(t, data, BlockHeld) : nullptr;
+    BlockHdr *h = data != nullptr ? HeldHdr(t, data) : nullptr;
     if (h == nullptr) {
         return Unlock(t, Opaque(1u));
     }
     h->next = t->buckets[b];
     h->bucket = static_cast<uint32_t>(b);
     t->buckets[b] = h;
-    h->tagState = t->tag | BlockLinked;
+    h->tagState ^= BlockHeld ^ BlockLinked;
     AddLinked(t, 1);
     return Unlock(t, 0u);
 }
 
-__attribute__((noinline)) uint32_t AddNodeContended(Table *t, uintptr_t b, void *data)
+__attribute__((noinline)) uint32_t AddNodeContended(Table *t, void *data, uintptr_t b)
 {
     t->lock.lock();
     return AddNodeLocked(t, b, data);
@@ -400,7 +401,7 @@ inline LITE_HASH_Node *FindLocked(Table *t, uintptr_t b, const void *data)
     return Unlock(t, static_cast<LITE_HASH_Node *>(nullptr));
 }
 
-__attribute__((noinline)) LITE_HASH_Node *FindContended(Table *t, uintptr_t b, const void *data)
+__attribute__((noinline)) LITE_HASH_Node *FindContended(Table *t, const void *data, uintptr_t b)
 {
     t->lock.lock();
     return FindLocked(t, b, data);
@@ -432,7 +433,7 @@ inline uint32_t RemoveLocked(Table *t, uintptr_t b, const void *key)
     return Unlock(t, 0u);
 }
 
-__attribute__((noinline)) uint32_t RemoveContended(Table *t, uintptr_t b, const void *key)
+__attribute__((noinline)) uint32_t RemoveContended(Table *t, const void *key, uintptr_t b)
 {
     t->lock.lock();
     return RemoveLocked(t, b, key);
@@ -509,6 +510,7 @@ void *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t blockSize, uint32_t bu
     // after 2^30 tables (or-ing a constant bit in would pair every even number with the next).
     const uint32_t tag = g_nextTag.fetch_add(1, std::memory_order_relaxed) << 2;
     t->tag = tag != 0 ? tag : 4u;
+    t->heldTag = t->tag | BlockHeld;
     t->mod = rixplat::MakeFastMod(bucketCount);
     t->stride = BlockBytes(blockSize);
     t->hashFunc = hashFunc;
@@ -587,7 +589,7 @@ uint32_t LITE_HASH_AddNode(void *hash, const void *key, void *data, uint32_t fla
     auto *t = static_cast<Table *>(hash);
     uintptr_t b = BucketIndex(t, key);
     if (!t->lock.TryLock()) [[unlikely]] {
-        return AddNodeContended(t, b, data);
+        return AddNodeContended(t, data, b);
     }
     return AddNodeLocked(t, b, data);
 }
@@ -600,7 +602,7 @@ LITE_HASH_Node *LITE_HASH_FindNodeFromFirst(void *hash, const void *key, const v
     auto *t = static_cast<Table *>(hash);
     uintptr_t b = BucketIndex(t, key);
     if (!t->lock.TryLock()) [[unlikely]] {
-        return FindContended(t, b, data);
+        return FindContended(t, data, b);
     }
     return FindLocked(t, b, data);
 }
@@ -613,7 +615,7 @@ uint32_t LITE_HASH_RemoveNodeByKey(void *hash, const void *key)
     auto *t = static_cast<Table *>(hash);
     uintptr_t b = BucketIndex(t, key);
     if (!t->lock.TryLock()) [[unlikely]] {
-        return RemoveContended(t, b, key);
+        return RemoveContended(t, key, b);
     }
     return RemoveLocked(t, b, key);
 }

@@ -20,12 +20,13 @@ bool Overlap(const void *a, size_t aLen, const void *b, size_t bLen)
     return pa < pb + bLen && pb < pa + aLen;
 }
 
-// count bytes at a and at b do not overlap.
+// count bytes at a and at b do not overlap: |a - b| >= count, in one unsigned compare that
+// takes count <= kRsizeMax. Says no for count 0 unless a == b; the checked path takes those.
 inline bool Apart(const void *a, const void *b, size_t count)
 {
     auto pa = reinterpret_cast<uintptr_t>(a);
     auto pb = reinterpret_cast<uintptr_t>(b);
-    return (pa >= pb ? pa - pb : pb - pa) >= count;
+    return pa - pb + (count - 1) >= 2 * count - 1;
 }
 
 // Every check in turn; taken when the fast path's combined test fails.
