@@ -171,7 +171,7 @@ inline uintptr_t BucketIndex(const Table *t, const void *key)
 inline void AddLinked(Table *t, int32_t d)
 {
 #if defined(__x86_64__)
-    asm("addl %1, %0" : "+m"(t->linked) : "ir"(d) : "cc");  // as in CountedFast: one add, not three
+    asm volatile("addl %1, %0" : "+m"(t->linked) : "ir"(d) : "cc");  // as in CountedFast: one add, not three
 #else
     t->linked.store(t->linked.load(std::memory_order_relaxed) + static_cast<uint32_t>(d), std::memory_order_relaxed);
 #endif

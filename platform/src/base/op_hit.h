@@ -46,14 +46,15 @@ inline bool CountedFast(OpId op)
     // A compare and an add on the slots through %fs: the compiler keeps an atomic's load and
     // store apart, which takes five instructions. Only the owning thread writes its counts, and
     // an aligned add is seen whole by the readers, as the relaxed store is.
-    // Two statements: GCC 12 drops the jump's target when an asm goto has outputs.
+    // Two statements: with the add's output on the asm goto, GCC 12 compiled the jump to skip
+    // HitSlow altogether.
     asm goto("cmpb $0, %0\n\t"
              "je %l[slow]"
              :
              : "m"(t_counts.fast)
              : "cc"
              : slow);
-    asm("addl $1, %0" : "+m"(t_counts.calls[op]) : : "cc");
+    asm volatile("addl $1, %0" : "+m"(t_counts.calls[op]) : : "cc");
     return true;
 slow:
     return false;
