@@ -17,8 +17,8 @@ namespace rixplat {
 #endif
 
 struct FastMod {
-    uint64_t m;  // 2^64 / d rounded up (0 for d = 1); 0 for any power of two when masking
-    uint64_t d;  // 64 bits wide, so that the multiplication reads it from memory
+    uint64_t m;     // 2^64 / d rounded up (0 for d = 1); 0 for any power of two when masking
+    uint64_t d;     // 64 bits wide, so that the multiplication reads it from memory
     uint32_t mask;  // d - 1
 };
 

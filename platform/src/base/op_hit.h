@@ -48,12 +48,13 @@ inline bool CountedFast(OpId op)
     // an aligned add is seen whole by the readers, as the relaxed store is.
     // Two statements: with the add's output on the asm goto, GCC 12 compiled the jump to skip
     // HitSlow altogether.
-    asm goto("cmpb $0, %0\n\t"
-             "je %l[slow]"
-             :
-             : "m"(t_counts.fast)
-             : "cc"
-             : slow);
+    asm goto(
+        "cmpb $0, %0\n\t"
+        "je %l[slow]"
+        :
+        : "m"(t_counts.fast)
+        : "cc"
+        : slow);
     asm volatile("addl $1, %0" : "+m"(t_counts.calls[op]) : : "cc");
     return true;
 slow:
