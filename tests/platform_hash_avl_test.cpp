@@ -5,6 +5,7 @@
 #include <random>
 #include <set>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/src/base/fastmod.h"
@@ -102,6 +103,97 @@ TEST_F(PlatformHash, CollisionsFindRemoveAndCounts)
     EXPECT_EQ(LITE_HASH_DeleteHash(&hash), 0u);
     EXPECT_EQ(hash, nullptr);
     EXPECT_EQ(RIX_TEST_HashBlocksInUse(), inUse);
+}
+
+// A block is accepted only by its own table and only in the state the call needs; a refusal
+// changes nothing, and freeing a linked block from the middle of a chain keeps the chain whole.
+TEST_F(PlatformHash, RefusesForeignFreeAndStrayBlocksWithoutEffect)
+{
+    const uint32_t inUse = RIX_TEST_HashBlocksInUse();
+    void *a = LITE_HASH_CreateWithLock(0, sizeof(Entry), 4, HashKey, SameKey, 0);
+    void *b = LITE_HASH_CreateWithLock(0, sizeof(Entry), 4, HashKey, SameKey, 0);
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    Entry *held = static_cast<Entry *>(LITE_HASH_NewData(a, 0));
+    ASSERT_NE(held, nullptr);
+    *held = Entry{2, 20};
+    EXPECT_NE(LITE_HASH_AddNode(b, &held->key, held, 0), 0u);
+    EXPECT_NE(LITE_HASH_FreeData(b, held), 0u);
+    EXPECT_NE(LITE_HASH_AddNode(a, &held->key, reinterpret_cast<char *>(held) + 8, 0), 0u);
+    EXPECT_NE(LITE_HASH_FreeData(a, reinterpret_cast<char *>(held) + 8), 0u);
+    EXPECT_NE(LITE_HASH_AddNode(a, &held->key, nullptr, 0), 0u);
+    EXPECT_NE(LITE_HASH_FreeData(a, nullptr), 0u);
+    EXPECT_EQ(LITE_HASH_GetHashCnt(a) + LITE_HASH_GetHashCnt(b), 0u);
+    EXPECT_EQ(RIX_TEST_HashBlocksInUse(), inUse + 1);
+    EXPECT_EQ(LITE_HASH_FreeData(a, held), 0u);
+    EXPECT_NE(LITE_HASH_AddNode(a, &held->key, held, 0), 0u);  // free: neither linked nor freed again
+    EXPECT_NE(LITE_HASH_FreeData(a, held), 0u);
+    EXPECT_EQ(RIX_TEST_HashBlocksInUse(), inUse);
+
+    Entry *one = AddEntry(a, 1, 10);
+    Entry *five = AddEntry(a, 5, 50);
+    Entry *nine = AddEntry(a, 9, 90);  // the chain: 9, 5, 1
+    EXPECT_NE(LITE_HASH_FreeData(b, five), 0u);
+    EXPECT_EQ(Find(a, 5), five);
+    EXPECT_EQ(LITE_HASH_FreeData(a, five), 0u);
+    EXPECT_EQ(Find(a, 5), nullptr);
+    EXPECT_EQ(Find(a, 1), one);
+    EXPECT_EQ(Find(a, 9), nine);
+    EXPECT_EQ(LITE_HASH_GetListCntByKey(a, &one->key), 2u);
+    EXPECT_EQ(LITE_HASH_FreeData(a, one), 0u);  // the tail
+    EXPECT_EQ(LITE_HASH_GetListCntByKey(a, &nine->key), 1u);
+    EXPECT_EQ(LITE_HASH_GetHashCnt(a), 1u);
+    EXPECT_EQ(LITE_HASH_DeleteHash(&a), 0u);
+    EXPECT_EQ(LITE_HASH_DeleteHash(&b), 0u);
+    EXPECT_EQ(RIX_TEST_HashBlocksInUse(), inUse);
+}
+
+// The calls modules observe: the table's hashFunc once per keyed call, none when the call
+// fails early, and cmpFunc on each node visited, newest first, with the searched value.
+std::vector<std::pair<char, uint32_t>> g_callbacks;
+uint32_t LoggedHash(const void *key)
+{
+    g_callbacks.emplace_back('h', *static_cast<const uint32_t *>(key));
+    return HashKey(key);
+}
+uint32_t LoggedCmp(void *data, const void *searched, uint32_t arg)
+{
+    g_callbacks.emplace_back('c', static_cast<Entry *>(data)->key);
+    return SameKey(data, searched, arg);
+}
+
+TEST_F(PlatformHash, CallsHashOncePerKeyedCallAndCompareAlongTheChain)
+{
+    using Log = std::vector<std::pair<char, uint32_t>>;
+    void *hash = LITE_HASH_CreateWithLock(0, sizeof(Entry), 4, LoggedHash, LoggedCmp, 0);
+    ASSERT_NE(hash, nullptr);
+    for (uint32_t k : {1u, 5u, 9u}) {
+        AddEntry(hash, k, k);
+    }
+    EXPECT_EQ(g_callbacks, (Log{{'h', 1}, {'h', 5}, {'h', 9}}));
+    g_callbacks.clear();
+    EXPECT_NE(Find(hash, 1), nullptr);
+    EXPECT_EQ(Find(hash, 13), nullptr);
+    EXPECT_EQ(g_callbacks, (Log{{'h', 1}, {'c', 9}, {'c', 5}, {'c', 1}, {'h', 13}, {'c', 9}, {'c', 5}, {'c', 1}}));
+    g_callbacks.clear();
+    const uint32_t five = 5;
+    EXPECT_EQ(LITE_HASH_RemoveNodeByKey(hash, &five), 1u);
+    EXPECT_EQ(LITE_HASH_GetListCntByKey(hash, &five), 2u);
+    EXPECT_NE(LITE_HASH_AddNode(hash, &five, nullptr, 0), 0u);  // refused after hashing, as ever
+    EXPECT_EQ(g_callbacks, (Log{{'h', 5}, {'c', 9}, {'c', 5}, {'h', 5}, {'h', 5}}));
+    g_callbacks.clear();
+    EXPECT_EQ(LITE_HASH_FindNodeFromFirst(hash, nullptr, &five), nullptr);
+    EXPECT_EQ(LITE_HASH_RemoveNodeByKey(hash, nullptr), 0u);
+    EXPECT_EQ(LITE_HASH_GetListCntByKey(nullptr, &five), 0u);
+    RIX_TEST_FailNth("LITE_HASH_GetListCntByKey", 1);
+    EXPECT_EQ(LITE_HASH_GetListCntByKey(hash, &five), 0u);
+    RIX_TEST_FailNth("LITE_HASH_AddNode", 1);
+    EXPECT_NE(LITE_HASH_AddNode(hash, &five, Find(hash, 9), 0), 0u);
+    EXPECT_EQ(g_callbacks, (Log{{'h', 9}, {'c', 9}}));  // the Find only
+    EXPECT_EQ(RIX_TEST_CallCount("LITE_HASH_GetListCntByKey"), 3u);
+    EXPECT_EQ(RIX_TEST_CallCount("LITE_HASH_FindNodeFromFirst"), 4u);
+    EXPECT_EQ(LITE_HASH_DeleteHash(&hash), 0u);
+    g_callbacks.clear();
 }
 
 TEST_F(PlatformHash, BlockPoolIsReusedAndReleased)
@@ -221,8 +313,8 @@ TEST_F(PlatformHash, SharedTableUnderConcurrentThreads)
             for (uint32_t i = 0; i < 2000; ++i) {
                 const uint32_t key = t * 100000u + i % 50u;
                 Entry *e = AddEntry(hash, key, i);
-                misses += e == nullptr || Find(hash, key) != e || LITE_HASH_RemoveNodeByKey(hash, &key) == 0 ||
-                          LITE_HASH_FreeData(hash, e) != 0;
+                misses += e == nullptr || Find(hash, key) != e || LITE_HASH_GetListCntByKey(hash, &key) == 0 ||
+                          LITE_HASH_RemoveNodeByKey(hash, &key) == 0 || LITE_HASH_FreeData(hash, e) != 0;
             }
         });
     }
@@ -231,7 +323,11 @@ TEST_F(PlatformHash, SharedTableUnderConcurrentThreads)
     }
     EXPECT_EQ(misses.load(), 0u);
     EXPECT_EQ(LITE_HASH_GetHashCnt(hash), 0u);
-    EXPECT_EQ(RIX_TEST_CallCount("LITE_HASH_FindNodeFromFirst"), 8000u);  // threads that ended still count
+    // Threads that ended still count, each call once whether it waited for the lock or not.
+    for (const char *op : {"LITE_HASH_NewData", "LITE_HASH_AddNode", "LITE_HASH_FindNodeFromFirst",
+                           "LITE_HASH_GetListCntByKey", "LITE_HASH_RemoveNodeByKey", "LITE_HASH_FreeData"}) {
+        EXPECT_EQ(RIX_TEST_CallCount(op), 8000u) << op;
+    }
     EXPECT_EQ(LITE_HASH_DeleteHash(&hash), 0u);
 }
 

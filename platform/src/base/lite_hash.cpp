@@ -18,6 +18,9 @@
 #include "lite_hash.h"
 #include "rix_platform_test.h"
 
+using rixplat::CountedFast;
+using rixplat::HitFast;
+
 namespace {
 
 constexpr size_t kBlockAlign = 8;  // data blocks are aligned to 8 bytes
@@ -53,26 +56,36 @@ inline void CpuRelax()
 }
 
 // A futex mutex (three states, after Drepper's "Futexes Are Tricky"): one compare-exchange to
-// take and one exchange to release when nobody waits. A waiter spins briefly and then sleeps,
+// take and one decrement to release when nobody waits. A waiter spins briefly and then sleeps,
 // so a preempted holder is never starved by spinning waiters, whatever their priorities.
 class FutexLock {
 public:
-    void lock()
+    bool TryLock()
     {
         uint32_t c = 0;
-        if (!state_.compare_exchange_strong(c, 1, std::memory_order_acquire, std::memory_order_relaxed)) [[unlikely]] {
-            LockSlow(c);
+        return state_.compare_exchange_strong(c, 1, std::memory_order_acquire, std::memory_order_relaxed);
+    }
+    void lock()
+    {
+        if (!TryLock()) [[unlikely]] {
+            LockSlow(state_.load(std::memory_order_relaxed));
         }
+    }
+    // Releases the lock; false when a waiter has to be woken by WakeAfterRelease.
+    bool Release() { return state_.fetch_sub(1, std::memory_order_release) == 1; }
+    __attribute__((noinline, cold)) void WakeAfterRelease()
+    {
+        state_.store(0, std::memory_order_release);
+        Futex(FUTEX_WAKE_PRIVATE, 1);
     }
     void unlock()
     {
-        if (state_.exchange(0, std::memory_order_release) == 2) [[unlikely]] {
-            Wake();
+        if (!Release()) [[unlikely]] {
+            WakeAfterRelease();
         }
     }
 
 private:
-    __attribute__((noinline, cold)) void Wake() { Futex(FUTEX_WAKE_PRIVATE, 1); }
     void Futex(int op, uint32_t val)
     {
         (void)syscall(SYS_futex, reinterpret_cast<uint32_t *>(&state_), op, val, nullptr, nullptr, 0);
@@ -111,6 +124,7 @@ struct Guard {
 struct Table {
     TableLock lock;
     uint32_t tag;
+    uint32_t heldTag;  // tagState of a held block: tag | BlockHeld
     rixplat::FastMod mod;
     uint32_t stride;
     LITE_HASH_HashFunc hashFunc;
@@ -148,14 +162,19 @@ constexpr uint32_t BlockBytes(uint32_t blockSize)
     return static_cast<uint32_t>((sizeof(BlockHdr) + blockSize + kBlockAlign - 1) / kBlockAlign * kBlockAlign);
 }
 
-inline uint32_t BucketIndex(const Table *t, const void *key)
+inline uintptr_t BucketIndex(const Table *t, const void *key)
 {
-    return rixplat::ModOf(t->mod, t->hashFunc(key));
+    return rixplat::ModOfIndex(t->mod, t->hashFunc(key));
 }
 
+// Under the lock; readers without it load the count whole.
 inline void AddLinked(Table *t, int32_t d)
 {
+#if defined(__x86_64__)
+    asm volatile("addl %1, %0" : "+m"(t->linked) : "ir"(d) : "cc");  // as in CountedFast: one add, not three
+#else
     t->linked.store(t->linked.load(std::memory_order_relaxed) + static_cast<uint32_t>(d), std::memory_order_relaxed);
+#endif
 }
 
 inline BlockHdr *HdrOf(void *data)
@@ -205,20 +224,267 @@ inline BlockHdr *OwnedHdr(const Table *t, void *data)
     return ((h->tagState & ~kStateMask) == t->tag && h->node.data == data) ? h : nullptr;
 }
 
-void UnlinkFromBucket(Table *t, BlockHdr *h)
+// h is linked in its bucket.
+inline void UnlinkFromBucket(Table *t, BlockHdr *h)
 {
-    for (BlockHdr **link = &t->buckets[h->bucket]; *link != nullptr; link = &(*link)->next) {
-        if (*link == h) {
-            *link = h->next;
-            h->next = nullptr;
-            return;
+    BlockHdr **link = &t->buckets[h->bucket];
+    while (*link != h) {
+        link = &(*link)->next;
+    }
+    *link = h->next;
+}
+
+// The operations below come in two forms. The common case (the thread counts inline, the
+// arguments are sound, the lock is free) runs in the exported function, which keeps nothing in
+// registers across a rare call: whatever is rare (a failure armed, a bad argument, a taken lock,
+// an empty pool, a waiter to wake) is a tail call into a copy that does every check in full.
+
+// v, unknown to the compiler: a constant it knows a register to hold already (TryLock's flag)
+// would be kept in that register, or a saved one across the callbacks, only to be returned.
+template <typename T>
+inline T Opaque(T v)
+{
+    asm("" : "+r"(v));
+    return v;
+}
+
+template <typename R>
+__attribute__((noinline, cold)) R WakeAndReturn(Table *t, R r)
+{
+    t->lock.WakeAfterRelease();
+    return r;
+}
+
+// Releases the table's lock and returns r.
+template <typename R>
+inline R Unlock(Table *t, R r)
+{
+    if (!t->lock.Release()) [[unlikely]] {
+        return WakeAndReturn(t, r);
+    }
+    return r;
+}
+
+// A held block of t when data is one, else null. One compare checks the table and the state.
+inline BlockHdr *HeldHdr(const Table *t, void *data)
+{
+    BlockHdr *h = HdrOf(data);
+    return (h->tagState == t->heldTag && h->node.data == data) ? h : nullptr;
+}
+
+__attribute__((noinline)) void *NewDataGrowing(Table *t)
+{
+    if (!Grow(t)) {
+        return Unlock(t, static_cast<void *>(nullptr));
+    }
+    BlockHdr *h = t->freeList;
+    t->freeList = h->next;
+    h->tagState |= BlockHeld;
+    ++t->held;
+    return Unlock(t, h->node.data);
+}
+
+// Lock held; releases it.
+inline void *NewDataLocked(Table *t)
+{
+    BlockHdr *h = t->freeList;
+    if (h == nullptr) [[unlikely]] {
+        return NewDataGrowing(t);
+    }
+    t->freeList = h->next;
+    h->tagState |= BlockHeld;  // a free block's state bits are 0
+    ++t->held;
+    return Unlock(t, h->node.data);
+}
+
+__attribute__((noinline)) void *NewDataContended(Table *t)
+{
+    t->lock.lock();
+    return NewDataLocked(t);
+}
+
+__attribute__((noinline)) void *NewDataChecked(void *hash)
+{
+    if (HitFast(rixplat::Op_LITE_HASH_NewData) || hash == nullptr) {
+        return nullptr;
+    }
+    auto *t = static_cast<Table *>(hash);
+    t->lock.lock();
+    return NewDataLocked(t);
+}
+
+// Lock held; releases it. Everything but handing back a held block.
+__attribute__((noinline)) uint32_t FreeDataOther(Table *t, void *data)
+{
+    BlockHdr *h = OwnedHdr(t, data);
+    if (h == nullptr || StateOf(h) == BlockFree) {
+        return Unlock(t, 1u);
+    }
+    if (StateOf(h) == BlockLinked) {
+        UnlinkFromBucket(t, h);
+        AddLinked(t, -1);
+    }
+    SetState(h, BlockFree);
+    h->next = t->freeList;
+    t->freeList = h;
+    --t->held;
+    return Unlock(t, 0u);
+}
+
+inline uint32_t FreeDataLocked(Table *t, void *data)
+{
+    BlockHdr *h = data != nullptr ? HeldHdr(t, data) : nullptr;
+    if (h == nullptr) [[unlikely]] {
+        return FreeDataOther(t, data);
+    }
+    h->tagState = t->tag | BlockFree;
+    h->next = t->freeList;
+    t->freeList = h;
+    --t->held;
+    return Unlock(t, 0u);
+}
+
+__attribute__((noinline)) uint32_t FreeDataContended(Table *t, void *data)
+{
+    t->lock.lock();
+    return FreeDataLocked(t, data);
+}
+
+__attribute__((noinline)) uint32_t FreeDataChecked(void *hash, void *data)
+{
+    if (HitFast(rixplat::Op_LITE_HASH_FreeData) || hash == nullptr) {
+        return 1;
+    }
+    auto *t = static_cast<Table *>(hash);
+    t->lock.lock();
+    return FreeDataLocked(t, data);
+}
+
+inline uint32_t AddNodeLocked(Table *t, uintptr_t b, void *data)
+{
+    BlockHdr *h = data != nullptr ? HeldHdr(t, data) : nullptr;
+    if (h == nullptr) {
+        return Unlock(t, Opaque(1u));
+    }
+    h->next = t->buckets[b];
+    h->bucket = static_cast<uint32_t>(b);
+    t->buckets[b] = h;
+    h->tagState ^= BlockHeld ^ BlockLinked;
+    AddLinked(t, 1);
+    return Unlock(t, 0u);
+}
+
+__attribute__((noinline)) uint32_t AddNodeContended(Table *t, void *data, uintptr_t b)
+{
+    t->lock.lock();
+    return AddNodeLocked(t, b, data);
+}
+
+__attribute__((noinline)) uint32_t AddNodeChecked(void *hash, const void *key, void *data)
+{
+    if (HitFast(rixplat::Op_LITE_HASH_AddNode) || hash == nullptr || key == nullptr) {
+        return 1;
+    }
+    auto *t = static_cast<Table *>(hash);
+    uintptr_t b = BucketIndex(t, key);
+    t->lock.lock();
+    return AddNodeLocked(t, b, data);
+}
+
+inline LITE_HASH_Node *FindLocked(Table *t, uintptr_t b, const void *data)
+{
+    for (BlockHdr *h = t->buckets[b]; h != nullptr; h = h->next) {
+        if (t->cmpFunc(h->node.data, data, 0) != 0) {
+            return Unlock(t, &h->node);
         }
     }
+    return Unlock(t, static_cast<LITE_HASH_Node *>(nullptr));
+}
+
+__attribute__((noinline)) LITE_HASH_Node *FindContended(Table *t, const void *data, uintptr_t b)
+{
+    t->lock.lock();
+    return FindLocked(t, b, data);
+}
+
+__attribute__((noinline)) LITE_HASH_Node *FindChecked(void *hash, const void *key, const void *data)
+{
+    if (HitFast(rixplat::Op_LITE_HASH_FindNodeFromFirst) || hash == nullptr || key == nullptr) {
+        return nullptr;
+    }
+    auto *t = static_cast<Table *>(hash);
+    uintptr_t b = BucketIndex(t, key);
+    t->lock.lock();
+    return FindLocked(t, b, data);
+}
+
+// The match is unlinked by a second walk, without callbacks: the first then keeps only the
+// node across them, not the link that leads to it.
+inline uint32_t RemoveLocked(Table *t, uintptr_t b, const void *key)
+{
+    for (BlockHdr *h = t->buckets[b]; h != nullptr; h = h->next) {
+        if (t->cmpFunc(h->node.data, key, 0) != 0) {
+            UnlinkFromBucket(t, h);
+            h->tagState ^= BlockLinked ^ BlockHeld;
+            AddLinked(t, -1);
+            return Unlock(t, Opaque(1u));
+        }
+    }
+    return Unlock(t, 0u);
+}
+
+__attribute__((noinline)) uint32_t RemoveContended(Table *t, const void *key, uintptr_t b)
+{
+    t->lock.lock();
+    return RemoveLocked(t, b, key);
+}
+
+__attribute__((noinline)) uint32_t RemoveChecked(void *hash, const void *key)
+{
+    if (HitFast(rixplat::Op_LITE_HASH_RemoveNodeByKey) || hash == nullptr || key == nullptr) {
+        return 0;
+    }
+    auto *t = static_cast<Table *>(hash);
+    uintptr_t b = BucketIndex(t, key);
+    t->lock.lock();
+    return RemoveLocked(t, b, key);
+}
+
+inline uint32_t ListCntLocked(Table *t, uintptr_t b)
+{
+    uint32_t n = 0;
+    for (BlockHdr *h = t->buckets[b]; h != nullptr; h = h->next) {
+        ++n;
+    }
+    return Unlock(t, n);
+}
+
+__attribute__((noinline)) uint32_t ListCntContended(Table *t, uintptr_t b)
+{
+    t->lock.lock();
+    return ListCntLocked(t, b);
+}
+
+__attribute__((noinline)) uint32_t ListCntChecked(void *hash, const void *key)
+{
+    if (HitFast(rixplat::Op_LITE_HASH_GetListCntByKey) || hash == nullptr || key == nullptr) {
+        return 0;
+    }
+    auto *t = static_cast<Table *>(hash);
+    uintptr_t b = BucketIndex(t, key);
+    t->lock.lock();
+    return ListCntLocked(t, b);
+}
+
+__attribute__((noinline)) uint32_t HashCntChecked(void *hash)
+{
+    if (HitFast(rixplat::Op_LITE_HASH_GetHashCnt) || hash == nullptr) {
+        return 0;
+    }
+    return static_cast<Table *>(hash)->linked.load(std::memory_order_relaxed);
 }
 
 }  // namespace
-
-using rixplat::HitFast;
 
 extern "C" {
 
@@ -240,7 +506,11 @@ void *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t blockSize, uint32_t bu
         std::free(buckets);
         return nullptr;
     }
-    t->tag = (g_nextTag.fetch_add(1, std::memory_order_relaxed) << 2) | 4u;  // never 0
+    // Above the two state bits; a table number's own bits, so two tables share a tag only
+    // after 2^30 tables (or-ing a constant bit in would pair every even number with the next).
+    const uint32_t tag = g_nextTag.fetch_add(1, std::memory_order_relaxed) << 2;
+    t->tag = tag != 0 ? tag : 4u;
+    t->heldTag = t->tag | BlockHeld;
     t->mod = rixplat::MakeFastMod(bucketCount);
     t->stride = BlockBytes(blockSize);
     t->hashFunc = hashFunc;
@@ -288,121 +558,85 @@ uint32_t LITE_HASH_DeleteHash(void **hash)
 void *LITE_HASH_NewData(void *hash, uint32_t flags)
 {
     (void)flags;
-    if (HitFast(rixplat::Op_LITE_HASH_NewData) || hash == nullptr) {
-        return nullptr;
+    if (hash == nullptr || !CountedFast(rixplat::Op_LITE_HASH_NewData)) [[unlikely]] {
+        return NewDataChecked(hash);
     }
     auto *t = static_cast<Table *>(hash);
-    Guard guard(t->lock);
-    if (t->freeList == nullptr && !Grow(t)) {
-        return nullptr;
+    if (!t->lock.TryLock()) [[unlikely]] {
+        return NewDataContended(t);
     }
-    BlockHdr *h = t->freeList;
-    t->freeList = h->next;
-    h->next = nullptr;
-    SetState(h, BlockHeld);
-    ++t->held;
-    return h->node.data;
+    return NewDataLocked(t);
 }
 
 uint32_t LITE_HASH_FreeData(void *hash, void *data)
 {
-    if (HitFast(rixplat::Op_LITE_HASH_FreeData) || hash == nullptr) {
-        return 1;
+    if (hash == nullptr || !CountedFast(rixplat::Op_LITE_HASH_FreeData)) [[unlikely]] {
+        return FreeDataChecked(hash, data);
     }
     auto *t = static_cast<Table *>(hash);
-    Guard guard(t->lock);
-    BlockHdr *h = OwnedHdr(t, data);
-    if (h == nullptr || StateOf(h) == BlockFree) {
-        return 1;
+    if (!t->lock.TryLock()) [[unlikely]] {
+        return FreeDataContended(t, data);
     }
-    if (StateOf(h) == BlockLinked) {
-        UnlinkFromBucket(t, h);
-        AddLinked(t, -1);
-    }
-    SetState(h, BlockFree);
-    h->next = t->freeList;
-    t->freeList = h;
-    --t->held;
-    return 0;
+    return FreeDataLocked(t, data);
 }
 
 uint32_t LITE_HASH_AddNode(void *hash, const void *key, void *data, uint32_t flags)
 {
     (void)flags;
-    if (HitFast(rixplat::Op_LITE_HASH_AddNode) || hash == nullptr || key == nullptr) {
-        return 1;
+    if (hash == nullptr || key == nullptr || !CountedFast(rixplat::Op_LITE_HASH_AddNode)) [[unlikely]] {
+        return AddNodeChecked(hash, key, data);
     }
     auto *t = static_cast<Table *>(hash);
-    uint32_t b = BucketIndex(t, key);
-    Guard guard(t->lock);
-    BlockHdr *h = OwnedHdr(t, data);
-    if (h == nullptr || StateOf(h) != BlockHeld) {
-        return 1;
+    uintptr_t b = BucketIndex(t, key);
+    if (!t->lock.TryLock()) [[unlikely]] {
+        return AddNodeContended(t, data, b);
     }
-    h->next = t->buckets[b];
-    h->bucket = b;
-    t->buckets[b] = h;
-    SetState(h, BlockLinked);
-    AddLinked(t, 1);
-    return 0;
+    return AddNodeLocked(t, b, data);
 }
 
 LITE_HASH_Node *LITE_HASH_FindNodeFromFirst(void *hash, const void *key, const void *data)
 {
-    if (HitFast(rixplat::Op_LITE_HASH_FindNodeFromFirst) || hash == nullptr || key == nullptr) {
-        return nullptr;
+    if (hash == nullptr || key == nullptr || !CountedFast(rixplat::Op_LITE_HASH_FindNodeFromFirst)) [[unlikely]] {
+        return FindChecked(hash, key, data);
     }
     auto *t = static_cast<Table *>(hash);
-    uint32_t b = BucketIndex(t, key);
-    Guard guard(t->lock);
-    for (BlockHdr *h = t->buckets[b]; h != nullptr; h = h->next) {
-        if (t->cmpFunc(h->node.data, data, 0) != 0) {
-            return &h->node;
-        }
+    uintptr_t b = BucketIndex(t, key);
+    if (!t->lock.TryLock()) [[unlikely]] {
+        return FindContended(t, data, b);
     }
-    return nullptr;
+    return FindLocked(t, b, data);
 }
 
 uint32_t LITE_HASH_RemoveNodeByKey(void *hash, const void *key)
 {
-    if (HitFast(rixplat::Op_LITE_HASH_RemoveNodeByKey) || hash == nullptr || key == nullptr) {
-        return 0;
+    if (hash == nullptr || key == nullptr || !CountedFast(rixplat::Op_LITE_HASH_RemoveNodeByKey)) [[unlikely]] {
+        return RemoveChecked(hash, key);
     }
     auto *t = static_cast<Table *>(hash);
-    uint32_t b = BucketIndex(t, key);
-    Guard guard(t->lock);
-    for (BlockHdr **link = &t->buckets[b]; *link != nullptr; link = &(*link)->next) {
-        BlockHdr *h = *link;
-        if (t->cmpFunc(h->node.data, key, 0) != 0) {
-            *link = h->next;
-            h->next = nullptr;
-            SetState(h, BlockHeld);
-            AddLinked(t, -1);
-            return 1;
-        }
+    uintptr_t b = BucketIndex(t, key);
+    if (!t->lock.TryLock()) [[unlikely]] {
+        return RemoveContended(t, key, b);
     }
-    return 0;
+    return RemoveLocked(t, b, key);
 }
 
 uint32_t LITE_HASH_GetListCntByKey(void *hash, const void *key)
 {
-    if (HitFast(rixplat::Op_LITE_HASH_GetListCntByKey) || hash == nullptr || key == nullptr) {
-        return 0;
+    if (hash == nullptr || key == nullptr || !CountedFast(rixplat::Op_LITE_HASH_GetListCntByKey)) [[unlikely]] {
+        return ListCntChecked(hash, key);
     }
     auto *t = static_cast<Table *>(hash);
-    uint32_t b = BucketIndex(t, key);
-    Guard guard(t->lock);
-    uint32_t n = 0;
-    for (BlockHdr *h = t->buckets[b]; h != nullptr; h = h->next) {
-        ++n;
+    uintptr_t b = BucketIndex(t, key);
+    if (!t->lock.TryLock()) [[unlikely]] {
+        return ListCntContended(t, b);
     }
-    return n;
+    return ListCntLocked(t, b);
 }
 
 uint32_t LITE_HASH_GetHashCnt(void *hash)
 {
-    if (HitFast(rixplat::Op_LITE_HASH_GetHashCnt) || hash == nullptr) {
-        return 0;
+    if (hash == nullptr || !CountedFast(rixplat::Op_LITE_HASH_GetHashCnt)) [[unlikely]] {
+        return HashCntChecked(hash);
     }
     return static_cast<Table *>(hash)->linked.load(std::memory_order_relaxed);
 }

@@ -20,12 +20,13 @@ bool Overlap(const void *a, size_t aLen, const void *b, size_t bLen)
     return pa < pb + bLen && pb < pa + aLen;
 }
 
-// count bytes at a and at b do not overlap.
+// count bytes at a and at b do not overlap: |a - b| >= count, in one unsigned compare that
+// takes count <= kRsizeMax. Says no for count 0 unless a == b; the checked path takes those.
 inline bool Apart(const void *a, const void *b, size_t count)
 {
     auto pa = reinterpret_cast<uintptr_t>(a);
     auto pb = reinterpret_cast<uintptr_t>(b);
-    return (pa >= pb ? pa - pb : pb - pa) >= count;
+    return pa - pb + (count - 1) >= 2 * count - 1;
 }
 
 // Every check in turn; taken when the fast path's combined test fails.
@@ -63,21 +64,27 @@ __attribute__((noinline, cold)) int MemsetChecked(void *dest, size_t destMax, in
     return 0;
 }
 
+__attribute__((noinline)) int CopyLarge(void *dest, const void *src, size_t count)
+{
+    std::memcpy(dest, src, count);
+    return 0;
+}
+
 // Keys, records and message vectors are a few dozen bytes: copied inline in at most four
 // overlapping 16-byte moves (the buffers are apart), which costs less than the call into the
 // C library.
-inline void CopySmall(unsigned char *d, const unsigned char *s, size_t n)
+inline int CopySmall(unsigned char *d, const unsigned char *s, size_t n)
 {
-    if (n >= 16 && n <= 64) {
-        std::memcpy(d, s, 16);
-        std::memcpy(d + n - 16, s + n - 16, 16);
-        if (n > 32) {
-            std::memcpy(d + 16, s + 16, 16);
-            std::memcpy(d + n - 32, s + n - 32, 16);
-        }
-        return;
+    if (n - 16u > 48u) [[unlikely]] {
+        return CopyLarge(d, s, n);
     }
-    std::memcpy(d, s, n);
+    std::memcpy(d, s, 16);
+    std::memcpy(d + n - 16, s + n - 16, 16);
+    if (n > 32) {
+        std::memcpy(d + 16, s + 16, 16);
+        std::memcpy(d + n - 32, s + n - 32, 16);
+    }
+    return 0;
 }
 
 // A violation leaves an empty string wherever the destination can hold one.
@@ -119,8 +126,7 @@ int memcpy_s(void *dest, size_t destMax, const void *src, size_t count)
     // and injection stay on it (Counted fails only when a thread is new or a failure is armed).
     if (dest != nullptr && src != nullptr && count <= destMax && destMax <= kRsizeMax && Apart(dest, src, count) &&
         rixplat::CountedFast(rixplat::Op_memcpy_s)) [[likely]] {
-        CopySmall(static_cast<unsigned char *>(dest), static_cast<const unsigned char *>(src), count);
-        return 0;
+        return CopySmall(static_cast<unsigned char *>(dest), static_cast<const unsigned char *>(src), count);
     }
     return MemcpyChecked(dest, destMax, src, count);
 }

@@ -31,6 +31,7 @@ struct SetState {
 
 std::mutex g_mutex;
 std::condition_variable g_callbackDone;
+uint32_t g_callbackWaiters = 0;  // EpollDelReg calls waiting for a callback to end
 std::map<int32_t, SetState> &Sets()
 {
     static auto *sets = new std::map<int32_t, SetState>;  // outlives late static destructors
@@ -130,7 +131,9 @@ int32_t EpollDelReg(int32_t epFd, int32_t fd)
     // (A registration is freed only after its batch, so comparing the pointer is safe.)
     lock.unlock();
     std::unique_lock<std::mutex> wait(g_mutex);
+    ++g_callbackWaiters;
     g_callbackDone.wait(wait, [&] { return set.current != reg || set.runner == std::this_thread::get_id(); });
+    --g_callbackWaiters;
     return rc == 0 ? 0 : -1;
 }
 
@@ -148,31 +151,30 @@ int32_t EpollRunBatch(int32_t epFd, int32_t timeoutMs)
         n = epoll_wait(epFd, evs, kBatch, timeoutMs);
     } while (n < 0 && errno == EINTR);
     int32_t ran = 0;
+    std::vector<EpollReg *> retired;
+    // One hold of the lock between two callbacks: it ends one and starts the next (or the batch).
+    // (The callbacks are C functions: nothing throws between lock and unlock.)
+    g_mutex.lock();
     for (int i = 0; i < n; ++i) {
         auto *reg = static_cast<EpollReg *>(evs[i].data.ptr);
-        {
-            std::lock_guard<std::mutex> lock(g_mutex);
-            if (reg->dead.load(std::memory_order_acquire)) {
-                continue;
-            }
-            set->current = reg;
-            set->runner = std::this_thread::get_id();
+        if (reg->dead.load(std::memory_order_acquire)) {
+            continue;
         }
+        set->current = reg;
+        set->runner = std::this_thread::get_id();
+        g_mutex.unlock();
         (void)reg->callback(reg->fd, evs[i].events, reg->ctx);
-        {
-            std::lock_guard<std::mutex> lock(g_mutex);
-            set->current = nullptr;
+        g_mutex.lock();
+        set->current = nullptr;
+        if (g_callbackWaiters != 0) {
+            g_callbackDone.notify_all();
         }
-        g_callbackDone.notify_all();
         ++ran;
     }
-    std::vector<EpollReg *> retired;
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        if (--set->running == 0) {
-            retired.swap(set->retired);
-        }
+    if (--set->running == 0) {
+        retired.swap(set->retired);
     }
+    g_mutex.unlock();
     for (EpollReg *reg : retired) {
         delete reg;
     }
