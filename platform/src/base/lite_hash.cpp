@@ -374,23 +374,6 @@ inline uint32_t AddNodeLocked(Table *t, uintptr_t b, void *data)
     return Unlock(t, 0u);
 }
 
-__attribute__((noinline)) uint32_t AddNodeContended(Table *t, void *data, uintptr_t b)
-{
-    t->lock.lock();
-    return AddNodeLocked(t, b, data);
-}
-
-__attribute__((noinline)) uint32_t AddNodeChecked(void *hash, const void *key, void *data)
-{
-    if (HitFast(rixplat::Op_LITE_HASH_AddNode) || hash == nullptr || key == nullptr) {
-        return 1;
-    }
-    auto *t = static_cast<Table *>(hash);
-    uintptr_t b = BucketIndex(t, key);
-    t->lock.lock();
-    return AddNodeLocked(t, b, data);
-}
-
 inline LITE_HASH_Node *FindLocked(Table *t, uintptr_t b, const void *data)
 {
     for (BlockHdr *h = t->buckets[b]; h != nullptr; h = h->next) {
@@ -399,23 +382,6 @@ inline LITE_HASH_Node *FindLocked(Table *t, uintptr_t b, const void *data)
         }
     }
     return Unlock(t, static_cast<LITE_HASH_Node *>(nullptr));
-}
-
-__attribute__((noinline)) LITE_HASH_Node *FindContended(Table *t, const void *data, uintptr_t b)
-{
-    t->lock.lock();
-    return FindLocked(t, b, data);
-}
-
-__attribute__((noinline)) LITE_HASH_Node *FindChecked(void *hash, const void *key, const void *data)
-{
-    if (HitFast(rixplat::Op_LITE_HASH_FindNodeFromFirst) || hash == nullptr || key == nullptr) {
-        return nullptr;
-    }
-    auto *t = static_cast<Table *>(hash);
-    uintptr_t b = BucketIndex(t, key);
-    t->lock.lock();
-    return FindLocked(t, b, data);
 }
 
 // The match is unlinked by a second walk, without callbacks: the first then keeps only the
@@ -433,23 +399,6 @@ inline uint32_t RemoveLocked(Table *t, uintptr_t b, const void *key)
     return Unlock(t, 0u);
 }
 
-__attribute__((noinline)) uint32_t RemoveContended(Table *t, const void *key, uintptr_t b)
-{
-    t->lock.lock();
-    return RemoveLocked(t, b, key);
-}
-
-__attribute__((noinline)) uint32_t RemoveChecked(void *hash, const void *key)
-{
-    if (HitFast(rixplat::Op_LITE_HASH_RemoveNodeByKey) || hash == nullptr || key == nullptr) {
-        return 0;
-    }
-    auto *t = static_cast<Table *>(hash);
-    uintptr_t b = BucketIndex(t, key);
-    t->lock.lock();
-    return RemoveLocked(t, b, key);
-}
-
 inline uint32_t ListCntLocked(Table *t, uintptr_t b)
 {
     uint32_t n = 0;
@@ -459,21 +408,39 @@ inline uint32_t ListCntLocked(Table *t, uintptr_t b)
     return Unlock(t, n);
 }
 
-__attribute__((noinline)) uint32_t ListCntContended(Table *t, uintptr_t b)
+// The keyed operations: the bucket is worked out before the lock, then Locked(t, bucket,
+// args...) runs under it and releases it. Their rare cases share these two.
+template <typename R, rixplat::OpId kOp, R kRefused, auto Locked, typename... A>
+__attribute__((noinline)) R KeyedChecked(void *hash, const void *key, A... args)
 {
-    t->lock.lock();
-    return ListCntLocked(t, b);
-}
-
-__attribute__((noinline)) uint32_t ListCntChecked(void *hash, const void *key)
-{
-    if (HitFast(rixplat::Op_LITE_HASH_GetListCntByKey) || hash == nullptr || key == nullptr) {
-        return 0;
+    if (HitFast(kOp) || hash == nullptr || key == nullptr) {
+        return kRefused;
     }
     auto *t = static_cast<Table *>(hash);
     uintptr_t b = BucketIndex(t, key);
     t->lock.lock();
-    return ListCntLocked(t, b);
+    return Locked(t, b, args...);
+}
+
+template <typename R, auto Locked, typename... A>
+__attribute__((noinline)) R KeyedContended(Table *t, uintptr_t b, A... args)
+{
+    t->lock.lock();
+    return Locked(t, b, args...);
+}
+
+template <typename R, rixplat::OpId kOp, R kRefused, auto Locked, typename... A>
+inline R Keyed(void *hash, const void *key, A... args)
+{
+    if (hash == nullptr || key == nullptr || !CountedFast(kOp)) [[unlikely]] {
+        return KeyedChecked<R, kOp, kRefused, Locked>(hash, key, args...);
+    }
+    auto *t = static_cast<Table *>(hash);
+    uintptr_t b = BucketIndex(t, key);
+    if (!t->lock.TryLock()) [[unlikely]] {
+        return KeyedContended<R, Locked>(t, b, args...);
+    }
+    return Locked(t, b, args...);
 }
 
 __attribute__((noinline)) uint32_t HashCntChecked(void *hash)
@@ -583,54 +550,22 @@ uint32_t LITE_HASH_FreeData(void *hash, void *data)
 uint32_t LITE_HASH_AddNode(void *hash, const void *key, void *data, uint32_t flags)
 {
     (void)flags;
-    if (hash == nullptr || key == nullptr || !CountedFast(rixplat::Op_LITE_HASH_AddNode)) [[unlikely]] {
-        return AddNodeChecked(hash, key, data);
-    }
-    auto *t = static_cast<Table *>(hash);
-    uintptr_t b = BucketIndex(t, key);
-    if (!t->lock.TryLock()) [[unlikely]] {
-        return AddNodeContended(t, data, b);
-    }
-    return AddNodeLocked(t, b, data);
+    return Keyed<uint32_t, rixplat::Op_LITE_HASH_AddNode, 1u, AddNodeLocked>(hash, key, data);
 }
 
 LITE_HASH_Node *LITE_HASH_FindNodeFromFirst(void *hash, const void *key, const void *data)
 {
-    if (hash == nullptr || key == nullptr || !CountedFast(rixplat::Op_LITE_HASH_FindNodeFromFirst)) [[unlikely]] {
-        return FindChecked(hash, key, data);
-    }
-    auto *t = static_cast<Table *>(hash);
-    uintptr_t b = BucketIndex(t, key);
-    if (!t->lock.TryLock()) [[unlikely]] {
-        return FindContended(t, data, b);
-    }
-    return FindLocked(t, b, data);
+    return Keyed<LITE_HASH_Node *, rixplat::Op_LITE_HASH_FindNodeFromFirst, nullptr, FindLocked>(hash, key, data);
 }
 
 uint32_t LITE_HASH_RemoveNodeByKey(void *hash, const void *key)
 {
-    if (hash == nullptr || key == nullptr || !CountedFast(rixplat::Op_LITE_HASH_RemoveNodeByKey)) [[unlikely]] {
-        return RemoveChecked(hash, key);
-    }
-    auto *t = static_cast<Table *>(hash);
-    uintptr_t b = BucketIndex(t, key);
-    if (!t->lock.TryLock()) [[unlikely]] {
-        return RemoveContended(t, key, b);
-    }
-    return RemoveLocked(t, b, key);
+    return Keyed<uint32_t, rixplat::Op_LITE_HASH_RemoveNodeByKey, 0u, RemoveLocked>(hash, key, key);
 }
 
 uint32_t LITE_HASH_GetListCntByKey(void *hash, const void *key)
 {
-    if (hash == nullptr || key == nullptr || !CountedFast(rixplat::Op_LITE_HASH_GetListCntByKey)) [[unlikely]] {
-        return ListCntChecked(hash, key);
-    }
-    auto *t = static_cast<Table *>(hash);
-    uintptr_t b = BucketIndex(t, key);
-    if (!t->lock.TryLock()) [[unlikely]] {
-        return ListCntContended(t, b);
-    }
-    return ListCntLocked(t, b);
+    return Keyed<uint32_t, rixplat::Op_LITE_HASH_GetListCntByKey, 0u, ListCntLocked>(hash, key);
 }
 
 uint32_t LITE_HASH_GetHashCnt(void *hash)
