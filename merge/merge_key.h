@@ -58,7 +58,7 @@ inline constexpr ASOrchMergeRule kMergeRules[ASORCH_MERGE_RULES_NUM] = {
 };
 
 // The same rows as a square, so that a pair is looked up without a search.
-inline constexpr uint32_t kOpTypes = 4u;
+inline constexpr uint32_t kOpTypes = ASORCH_OPTYPE_NUM;
 inline constexpr uint8_t kNoRule = 0xFFu;
 inline constexpr auto kMergedOpType = [] {
     struct {

@@ -1,8 +1,6 @@
 // Write path: private copies into the DAM or FES merge queue, or processing at once.
 #include "merge/merge_internal.h"
 
-#include <cstring>
-
 #include "core/copy.h"
 #include "core/walk_guard.h"
 #include "merge/merge_hash.h"
@@ -61,6 +59,7 @@ inline uint32_t WriteCopy(ASOrchHandle *handle, MergeQueCb *queue, asorch::merge
     }
     return ASORCH_OK;
 }
+
 }  // namespace
 
 namespace asorch::merge {
