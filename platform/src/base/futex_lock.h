@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <ctime>
 
 namespace rixplat {
 
@@ -21,8 +22,12 @@ inline void CpuRelax()
 }
 
 // A futex mutex (three states, after Drepper's "Futexes Are Tricky"): one compare-exchange to
-// take and one decrement to release when nobody waits. A waiter spins briefly and then sleeps,
-// so a preempted holder is never starved by spinning waiters, whatever their priorities.
+// take and a plain store to release. A waiter spins briefly and then sleeps, so a preempted
+// holder is never starved by spinning waiters, whatever their priorities.
+// The hash service takes and releases the lock at every call, and a locked release would be a
+// second full barrier per call. The plain release reads the state before it stores 0 and wakes
+// a sleeper only if it saw one: a waiter that marks itself in between is not woken, so a
+// sleeper looks again after kWaitSliceNs at most.
 class FutexLock {
 public:
     bool TryLock()
@@ -37,12 +42,13 @@ public:
         }
     }
     // Releases the lock; false when a waiter has to be woken by WakeAfterRelease.
-    bool Release() { return state_.fetch_sub(1, std::memory_order_release) == 1; }
-    __attribute__((noinline, cold)) void WakeAfterRelease()
+    bool Release()
     {
+        const uint32_t seen = state_.load(std::memory_order_relaxed);
         state_.store(0, std::memory_order_release);
-        Futex(FUTEX_WAKE_PRIVATE, 1);
+        return seen == 1;
     }
+    __attribute__((noinline, cold)) void WakeAfterRelease() { Futex(FUTEX_WAKE_PRIVATE, 1, nullptr); }
     void unlock()
     {
         if (!Release()) [[unlikely]] {
@@ -51,9 +57,11 @@ public:
     }
 
 private:
-    void Futex(int op, uint32_t val)
+    static constexpr long kWaitSliceNs = 200000;
+
+    void Futex(int op, uint32_t val, const timespec *timeout)
     {
-        (void)syscall(SYS_futex, reinterpret_cast<uint32_t *>(&state_), op, val, nullptr, nullptr, 0);
+        (void)syscall(SYS_futex, reinterpret_cast<uint32_t *>(&state_), op, val, timeout, nullptr, 0);
     }
     __attribute__((noinline)) void LockSlow(uint32_t c)
     {
@@ -67,8 +75,9 @@ private:
         if (c != 2) {
             c = state_.exchange(2, std::memory_order_acquire);
         }
+        const timespec slice{0, kWaitSliceNs};
         while (c != 0) {
-            Futex(FUTEX_WAIT_PRIVATE, 2);
+            Futex(FUTEX_WAIT_PRIVATE, 2, &slice);
             c = state_.exchange(2, std::memory_order_acquire);
         }
     }
