@@ -6,9 +6,11 @@
 # so that a hang cannot hold CI. Any crash, sanitizer report, model mismatch or leak fails
 # the script. Extra arguments go to every libFuzzer run (e.g. -runs=10000000).
 #
-#   tblmsg_fuzz      ASOrchMsgProc with a structure-aware mutator (tblmsg_mutator.cpp);
-#                    seeds in corpus/ (written by make_corpus.py)
-#   mque_model_fuzz  the merge queue against a reference model; seeds in corpus-mque/
+#   tblmsg_fuzz      ASOrchMsgProc with a structure-aware mutator (tblmsg_mutator.cpp, its
+#                    values and items in tblmsg_values.cpp); seeds in corpus/ (written by
+#                    make_corpus.py)
+#   mque_model_fuzz  the merge queue against a reference model (mque_model.cpp); seeds in
+#                    corpus-mque/
 #
 # What a corpus reaches in the library, line by line: bash fuzz/cov.sh TARGET [CORPUS_DIR...]
 set -eu
